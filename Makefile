@@ -1,0 +1,68 @@
+# tarvo3532 on the development host: `make demo` and `make test` work on a
+# fresh machine; they install what is missing with apt-get first.
+
+SHELL := /bin/bash
+JOBS ?= $(shell nproc)
+SUDO := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
+
+# Host build and tests, the ARM cross build run under qemu-arm, and the
+# libraries of the simulated board.
+APT_PACKAGES := cmake make g++ libgtest-dev libgmock-dev googletest libbenchmark-dev \
+                g++-arm-linux-gnueabi qemu-user
+
+DEMO_BOARD ?= $(CURDIR)/build/demo-board
+
+.PHONY: all deps build build-arm test test-host arm-test asan tsan release bench demo clean
+
+all: build
+
+deps:
+	@missing=$$(for p in $(APT_PACKAGES); do dpkg -s $$p >/dev/null 2>&1 || echo $$p; done); \
+	if [ -n "$$missing" ]; then \
+	  echo "installing:" $$missing; \
+	  $(SUDO) apt-get update -qq && \
+	  DEBIAN_FRONTEND=noninteractive $(SUDO) apt-get install -y -qq $$missing >/dev/null; \
+	fi
+
+build: deps
+	@cmake --preset debug >/dev/null
+	@cmake --build --preset debug -j$(JOBS)
+
+build-arm: deps
+	@cmake --preset arm >/dev/null
+	@cmake --build --preset arm -j$(JOBS)
+
+# Every test: the host suite (unit and end-to-end) and the unit suite built
+# for 32-bit ARM and run under qemu-arm.
+test: build build-arm
+	@ctest --preset debug -j$(JOBS)
+	@ctest --preset arm -j$(JOBS)
+
+test-host: build
+	@ctest --preset debug -j$(JOBS)
+
+arm-test: build-arm
+	@ctest --preset arm -j$(JOBS)
+
+asan: deps
+	@cmake --preset asan >/dev/null
+	@cmake --build --preset asan -j$(JOBS)
+	@ctest --preset asan -j$(JOBS)
+
+tsan: deps
+	@cmake --preset tsan >/dev/null
+	@cmake --build --preset tsan -j$(JOBS)
+	@ctest --preset tsan -j$(JOBS)
+
+release: deps
+	@cmake --preset release >/dev/null
+	@cmake --build --preset release -j$(JOBS)
+
+bench: release
+	@for b in build-release/bench/bench_*; do [ -x "$$b" ] && "$$b"; done; true
+
+demo: build
+	@tools/demo.sh $(CURDIR)/build $(DEMO_BOARD)
+
+clean:
+	rm -rf build build-arm build-asan build-tsan build-release

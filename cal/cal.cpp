@@ -1,0 +1,140 @@
+#include "cal/cal.h"
+
+#include <sched.h>
+#include <sys/ipc.h>
+#include <sys/msg.h>
+
+#include <cerrno>
+#include <cstring>
+#include <new>
+
+#include "cal/cal_buf.h"
+#include "cal/cal_log.h"
+#include "platform/os.h"
+
+namespace {
+
+struct priority_row {
+    const char* name;
+    bool from_max;  // relative to the maximum instead of the minimum
+    int delta;
+};
+
+// Scheduling of every thread of the process, by the name it announces.
+constexpr priority_row k_priority_table[] = {
+    {"gui", false, 1},
+    {"cal_enc_thread", false, 0},
+    {"tx_encr_thread", false, 0},
+    {"tx_encn_thread", false, 0},
+    {"cal_jpeg_thread", false, 0},
+    {"cal_vin_thread", false, 0},
+    {"dec_thread", false, 0},
+    {"vout_thread", false, 4},
+    {"cal_vdec_thread", true, -20},
+    {"cal_adec_thread", true, 0},
+    {"cal_recv_dec_thread", true, 0},
+};
+
+}  // namespace
+
+int _system_insmod()
+{
+    os_system("himm 0x20110150  0x03ff5 > /dev/null");
+    os_system("himm 0x20110188  0x10600 > /dev/null");
+    os_system("himm 0x20120150  0x03ff5 > /dev/null");
+    os_system("himm 0x20120188  0x10600 > /dev/null");
+    TRACE("fill insmod!!");
+    return 0;
+}
+
+int cal_drain_queue(int msgid)
+{
+    tx_msg_t msg;
+    int n = 0;
+    while (os_msgrcv(msgid, &msg, TX_MSG_BODY_SIZE, 0, IPC_NOWAIT) >= 0)
+        ++n;
+    return n;
+}
+
+cal_t* cal_new()
+{
+    _system_insmod();
+
+    cal_t* cal = new (std::nothrow) cal_t{};
+    if (cal == nullptr)
+        CAL_FATAL("cal == NULL\n");
+    cal->size = sizeof(cal_t);
+
+    cal->thread_encr = kel_thread_new("thread_encr", KEL_THREAD_STACK);
+    cal->thread_encn = kel_thread_new("thread_encn", KEL_THREAD_STACK);
+
+    cal->msgid_encr = os_msgget(MSG_KEY_ENCR, IPC_CREAT);
+    if (cal->msgid_encr < 0)
+        CAL_FATAL("msgget MSG_KEY_ENCR failed!!\n");
+    cal->msgid_encn = os_msgget(MSG_KEY_ENCN, IPC_CREAT);
+    if (cal->msgid_encn < 0)
+        CAL_FATAL("msgget MSG_KEY_ENCN failed!!\n");
+
+    // Whatever an earlier run left in the queues must never reach the threads.
+    cal_drain_queue(cal->msgid_encr);
+    cal_drain_queue(cal->msgid_encn);
+    return cal;
+}
+
+void cal_mod_new(cal_t* cal)
+{
+    if (cal == nullptr) {
+        TRACE("cal is NULL\n");
+        return;
+    }
+    TRACE(".. module new cal:%08x\n", ptr32(cal));
+}
+
+int cal_start(cal_t* cal)
+{
+    CAL_CHECK_OBJ(cal, cal_t, "cal is NULL\n");
+    int r1 = 0, r3 = 0;
+    TRACE("r1:%d r3:%d\n", r1, r3);
+    return 0;
+}
+
+int cal_stop(cal_t* cal)
+{
+    CAL_CHECK_OBJ(cal, cal_t, "cal is NULL\n");
+    kel_thread_notify_stop(cal->thread_encr);
+    kel_thread_notify_stop(cal->thread_encn);
+    int r1 = kel_thread_stop(cal->thread_encr, 2000);
+    int r2 = kel_thread_stop(cal->thread_encn, 2000);
+    TRACE("r1:%d r2:%d\n", r1, r2);
+    return r1 + r2;
+}
+
+void cal_delete(cal_t* cal)
+{
+    TRACE(".. cal:%08x\n", ptr32(cal));
+    if (cal == nullptr)
+        return;
+    kel_thread_delete(cal->thread_encr);
+    kel_thread_delete(cal->thread_encn);
+    delete cal;
+}
+
+int cal_thread_priority(int, const char* name)
+{
+    int r = -1;
+    for (const priority_row& row : k_priority_table) {
+        if (name == nullptr || std::strcmp(name, row.name) != 0)
+            continue;
+        int base = row.from_max ? sched_get_priority_max(SCHED_RR) : sched_get_priority_min(SCHED_RR);
+        if (os_sched_setscheduler(SCHED_RR, base + row.delta) != 0) {
+            if (std::strcmp(name, "cal_recv_dec_thread") == 0)
+                CAL_LOG(3, "sched_setscheduler.. %s\n", strerror(errno));
+            else
+                TRACE("schedscheduler error:%s\n", strerror(errno));
+        }
+        r = 0;
+        break;
+    }
+    TRACE("sz_thread:%s r:%d\n", name ? name : "(null)", r);
+    return r;
+}

@@ -1,0 +1,156 @@
+#include "cal/startup.h"
+
+#include <syslog.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "cal/cal.h"
+#include "cal/cal_log.h"
+#include "cal/cal_time.h"
+#include "platform/hi_mpi_pciv.h"
+#include "platform/hi_mpi_sys.h"
+#include "platform/os.h"
+
+cal_t* g_cal = nullptr;
+uint32_t heartbit = 0;
+
+namespace {
+
+struct vb_pool_row {
+    uint32_t blk_size;
+    uint32_t blk_cnt;
+    const char* mmz;
+};
+
+// Video buffer pools of the slave: six pools, the rest empty.
+constexpr vb_pool_row k_vb_pools[] = {
+    {524288, 64, MMZ_DEFAULT},
+    {829440, 8, MMZ_DEFAULT},
+    {4177920, 40, MMZ_DEFAULT},
+    {345600, 24, MMZ_DDR1},
+    {829440, 8, MMZ_DDR1},
+    {3133440, 28, MMZ_DDR1},
+};
+
+constexpr uint32_t SYS_ALIGN_WIDTH = 64;
+constexpr uint32_t PCIV_WIN_BLK_SIZE = 0x200000;
+constexpr uint32_t PCIV_WIN_BLK_CNT = 4;
+
+// Strict base-10 number as strtol reads it: no digits gives 0.
+int arg_number(const char* text)
+{
+    return static_cast<int>(std::strtol(text, nullptr, 10));
+}
+
+}  // namespace
+
+void _parse_args(cal_t* cal, char** argv)
+{
+    cal->master = std::strcmp(argv[1], "master") == 0 ? 1 : 0;
+    cal->cam_base = arg_number(argv[2]);
+    cal->slave_cam = arg_number(argv[3]);
+    cal->num_vin = arg_number(argv[4]);
+}
+
+void _init_mem()
+{
+    TRACE("VB Init");
+
+    vb_conf_t vb{};
+    vb.max_pool_cnt = VB_MAX_COMM_POOLS;
+    int i = 0;
+    for (const vb_pool_row& row : k_vb_pools) {
+        vb.comm_pool[i].blk_size = row.blk_size;
+        vb.comm_pool[i].blk_cnt = row.blk_cnt;
+        std::snprintf(vb.comm_pool[i].mmz_name, sizeof(vb.comm_pool[i].mmz_name), "%s", row.mmz);
+        ++i;
+    }
+
+    HI_MPI_SYS_Exit();
+    HI_MPI_VB_Exit();
+
+    mpp_sys_conf_t sys{};
+    sys.align_width = SYS_ALIGN_WIDTH;
+    if (HI_MPI_VB_SetConf(&vb) != 0 || HI_MPI_VB_Init() != 0 || HI_MPI_SYS_SetConf(&sys) != 0 ||
+        HI_MPI_SYS_Init() != 0)
+        CAL_FATAL("ASSERTION!!\n");
+
+    pciv_win_vb_cfg_t win{};
+    win.pool_count = 1;
+    win.blk_size[0] = PCIV_WIN_BLK_SIZE;
+    win.blk_count[0] = PCIV_WIN_BLK_CNT;
+    int32_t r = HI_MPI_PCIV_WinVbCreate(&win);
+    TRACE("WinVbCreate.. r:%d\n", r);
+}
+
+void low_power(int master, int num_vin)
+{
+    TRACE("master:%d num_vin:%d\n", master, num_vin);
+}
+
+int _set_tz(cal_t*, const char* tz)
+{
+    TRACE("tz:%s\n", tz);
+    cal_set_tz_env(tz);
+    // The zone text comes from the master: it is written as data, never
+    // handed to a shell.
+    os_write_etc_tz(tz);
+    return 0;
+}
+
+int _set_time(cal_t*, uint64_t seconds, uint64_t usec)
+{
+    (void)seconds;
+    uint64_t old_sec = static_cast<uint64_t>(os_time(nullptr));
+    struct timeval tv;
+    tv.tv_sec = static_cast<time_t>(usec / 1000000);
+    tv.tv_usec = static_cast<suseconds_t>(usec % 1000000);
+    os_settimeofday(&tv);
+    uint64_t new_sec = usec / 1000000;
+    uint64_t diff = new_sec > old_sec ? new_sec - old_sec : old_sec - new_sec;
+    TRACE("%llu %llu %llu\n", static_cast<unsigned long long>(old_sec), static_cast<unsigned long long>(new_sec),
+          static_cast<unsigned long long>(diff));
+    return 0;
+}
+
+int tarvo_main(int argc, char** argv)
+{
+    if (argc < 5) {
+        std::fprintf(stderr, "usage: %s <role> <cam_base> <slave_cam> <num_vin>\n",
+                     argc > 0 ? argv[0] : "tarvo3532");
+        return 2;
+    }
+    if (platform_init() != 0)
+        return 2;
+
+    os_system("killall syslogd");
+    os_system("syslogd -O /var/log/message");
+    os_openlog("tarvo", 0, LOG_USER);
+
+    std::printf("tarv3532.. errno:%d\n", errno);
+    os_syslog(LOG_DEBUG, "tarvo3532 v1.1 start!!\n");
+    std::printf("tarvo3532 v1.1 argc:%d\n", argc);
+    std::fflush(stdout);
+
+    _init_mem();
+    g_cal = cal_new();
+    for (int k = 0; k < argc; ++k)
+        TRACE("k:%d argv:%s\n", k, argv[k]);
+    _parse_args(g_cal, argv);
+
+    cal_mod_new(g_cal);
+    TRACE("master:%d cam_base:%d slave_cam:%d num_vin:%d\n", g_cal->master, g_cal->cam_base, g_cal->slave_cam,
+          g_cal->num_vin);
+    cal_start(g_cal);
+    low_power(g_cal->master, g_cal->num_vin);
+    cal_thread_priority(0, "gui");
+
+    // The command loop arrives with the messaging modules; until then the
+    // process stays up doing nothing, as it would waiting for commands.
+    for (;;)
+        pause();
+}

@@ -1,0 +1,12 @@
+// Open and close hooks of the simulated board's families, called in order
+// by sim_board_open and in reverse order by sim_board_close. Each family
+// keeps its own state and starts afresh on every open.
+#pragma once
+
+#include <string>
+
+int sim_os_open(std::string* err);
+void sim_os_close();
+
+int sim_sys_open(std::string* err);
+void sim_sys_close();

@@ -1,0 +1,69 @@
+// Test support: temporary board directories and the simulated board opened
+// on them, captured console output, and small file helpers.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+// A fresh, empty directory under $TMPDIR (or /tmp), removed with its
+// content and its message queues when the object goes.
+class temp_board_dir {
+public:
+    temp_board_dir();
+    ~temp_board_dir();
+    temp_board_dir(const temp_board_dir&) = delete;
+    temp_board_dir& operator=(const temp_board_dir&) = delete;
+
+    const std::string& path() const { return path_; }
+    std::string file(const std::string& rel) const { return path_ + "/" + rel; }
+
+private:
+    std::string path_;
+};
+
+// Fixture: a temporary board opened as chip 1 for this process.
+class board_test : public ::testing::Test {
+protected:
+    void SetUp() override;
+    void TearDown() override;
+
+    // Reopens the board with fault rules (TARVO_SIM_FAIL syntax).
+    void reopen(const char* fail_rules, int chip = 1);
+
+    std::string chip_file(const std::string& rel) const;
+
+    temp_board_dir board_;
+    int chip_ = 1;
+};
+
+std::string read_file(const std::string& path);
+std::vector<std::string> read_lines(const std::string& path);
+bool file_exists(const std::string& path);
+
+// Captures standard output of this process (traces, cal_log) while alive.
+class stdout_capture {
+public:
+    stdout_capture();
+    ~stdout_capture();
+    // Stops capturing (once) and returns everything written meanwhile.
+    std::string text();
+
+private:
+    bool active_ = true;
+    std::string text_;
+};
+
+// Points standard output at standard error, so that a death test sees the
+// process's console lines (cal_log writes to standard output).
+void stdout_to_stderr();
+
+// The statement must log the fatal message at level 3 and abort.
+#define EXPECT_FATAL(statement, message)                      \
+    EXPECT_DEATH(                                             \
+        {                                                     \
+            stdout_to_stderr();                               \
+            statement;                                        \
+        },                                                    \
+        "ERROR!! " message)
