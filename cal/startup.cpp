@@ -124,7 +124,7 @@ int tarvo_main(int argc, char** argv)
                      argc > 0 ? argv[0] : "tarvo3532");
         return 2;
     }
-    if (platform_init() != 0)
+    if (platform_init(argc, argv) != 0)
         return 2;
 
     os_system("killall syslogd");

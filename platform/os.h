@@ -11,11 +11,13 @@
 #include <cstddef>
 #include <ctime>
 
-// Prepares the platform for this process (on the development host: the
-// board directory, the chip id and fault injection from the environment).
+// Prepares the platform for this process, given its command line (on the
+// development host: the board directory, the chip id and fault injection
+// from the environment; the first camera's number from the command line,
+// which tells the simulated capture inputs which cameras they carry).
 // Returns 0, or -1 after printing the reason on standard error; the process
 // must then end with status 2.
-int platform_init();
+int platform_init(int argc, char** argv);
 
 // Wall clock.
 time_t os_time(time_t* t);

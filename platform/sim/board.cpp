@@ -29,6 +29,7 @@ constexpr int k_family_count = sizeof(k_families) / sizeof(k_families[0]);
 
 std::string g_dir;
 int g_chip = 0;
+int g_cam_base = 0;
 bool g_open = false;
 
 int make_dir(const std::string& path, std::string* err)
@@ -66,6 +67,7 @@ int sim_board_open(const char* dir, int chip, const char* fail_rules, std::strin
         return -1;
 
     g_dir = dir;
+    g_cam_base = 0;
     while (g_dir.size() > 1 && g_dir.back() == '/')
         g_dir.pop_back();
     g_chip = chip;
@@ -108,6 +110,16 @@ int sim_chip_id()
     return g_chip;
 }
 
+int sim_cam_base()
+{
+    return g_cam_base;
+}
+
+void sim_set_cam_base(int cam_base)
+{
+    g_cam_base = cam_base;
+}
+
 std::string sim_board_path(std::string_view rel)
 {
     std::string p = g_dir;
@@ -126,7 +138,7 @@ std::string sim_chip_path(std::string_view rel)
     return p;
 }
 
-int platform_init()
+int platform_init(int argc, char** argv)
 {
     const char* dir = std::getenv("TARVO_BOARD");
     const char* chip_text = std::getenv("TARVO_CHIP_ID");
@@ -149,5 +161,6 @@ int platform_init()
         std::fprintf(stderr, "tarvo3532: %s\n", err.c_str());
         return -1;
     }
+    g_cam_base = argc > 2 ? static_cast<int>(std::strtol(argv[2], nullptr, 10)) : 0;
     return 0;
 }

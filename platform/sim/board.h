@@ -16,6 +16,12 @@ bool sim_board_is_open();
 const std::string& sim_board_dir();
 int sim_chip_id();
 
+// Recorder-wide number of this slave's first camera (its second command-line
+// argument; 0 until set). Capture input c of the chip carries camera
+// sim_cam_base() + c.
+int sim_cam_base();
+void sim_set_cam_base(int cam_base);
+
 // <board>/<rel> and <board>/chip<T>/<rel> for this chip.
 std::string sim_board_path(std::string_view rel);
 std::string sim_chip_path(std::string_view rel);
