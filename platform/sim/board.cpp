@@ -24,6 +24,7 @@ struct family_hooks {
 constexpr family_hooks k_families[] = {
     {sim_os_open, sim_os_close},
     {sim_sys_open, sim_sys_close},
+    {sim_media_open, sim_media_close},
 };
 constexpr int k_family_count = sizeof(k_families) / sizeof(k_families[0]);
 

@@ -10,3 +10,8 @@ void sim_os_close();
 
 int sim_sys_open(std::string* err);
 void sim_sys_close();
+
+// The media core (capture, processing groups, encoder, output, routing and
+// memory zones); it reads board.conf on open.
+int sim_media_open(std::string* err);
+void sim_media_close();

@@ -1,0 +1,114 @@
+// The simulated media core: the state behind the capture, processing-group,
+// encoder, output and system families, and its read-back for tests.
+//
+// Every family operation checks what the chip's library checks and changes
+// this state under one mutex. Bindings are routing entries from a source
+// channel to a destination channel; pictures follow them from sources to
+// their destinations, so a destination has at most one source.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "platform/hi_comm.h"
+#include "platform/hi_mpi_sys.h"
+#include "platform/hi_mpi_venc.h"
+#include "platform/hi_mpi_vi.h"
+#include "platform/hi_mpi_vo.h"
+#include "platform/hi_mpi_vpss.h"
+#include "platform/sim/board_conf.h"
+
+// Address ranges of the families that route pictures but keep their own
+// state elsewhere.
+inline constexpr int VDEC_MAX_CHN_NUM = 64;
+inline constexpr int VDA_MAX_CHN_NUM = 32;
+inline constexpr int PCIV_MAX_CHN_NUM = 128;
+
+struct sim_vi_dev {
+    bool attr_set;
+    bool enabled;
+    vi_dev_attr_t attr;
+};
+
+struct sim_vi_chn {
+    bool attr_set;
+    bool enabled;
+    bool to420;          // 4:2:2-to-4:2:0 conversion switched on
+    vi_chn_attr_t attr;
+    int64_t enabled_us;  // platform clock when enabled, for the frame count
+};
+
+struct sim_vpss_chn {
+    bool attr_set;
+    bool enabled;
+    vpss_chn_attr_t attr;
+};
+
+struct sim_vpss_grp {
+    bool created;
+    bool started;
+    vpss_grp_attr_t attr;
+    vpss_grp_param_t param;
+    std::array<sim_vpss_chn, VPSS_MAX_CHN_NUM> chn;
+};
+
+struct sim_venc_grp {
+    bool created;
+    int32_t chn;  // registered channel, -1 when none
+};
+
+struct sim_venc_chn {
+    bool created;
+    bool receiving;
+    int32_t grp;  // group it is registered with, -1 when none
+};
+
+struct sim_vo_dev {
+    bool enabled;
+    bool layer_enabled;
+    std::array<bool, VO_MAX_CHN_NUM> chn_enabled;
+};
+
+struct sim_binding {
+    mpp_chn_t src;
+    mpp_chn_t dest;
+};
+
+struct sim_mem_conf {
+    mpp_chn_t chn;
+    char zone[MAX_MMZ_NAME_LEN];
+};
+
+// Group parameters a new group starts with.
+vpss_grp_param_t sim_vpss_default_param();
+
+// Capture input carried by device d: devices 0, 1, 7, 6, 2, 3, 5, 4 carry
+// inputs 0 .. 7. Input c carries recorder-wide camera sim_cam_base() + c.
+int sim_vi_input_of_dev(int dev);
+
+// ---- read-back (copies taken under the core's mutex) -----------------------
+
+sim_vi_dev sim_media_vi_dev(int dev);
+sim_vi_chn sim_media_vi_chn(int chn);
+sim_vpss_grp sim_media_vpss_grp(int grp);
+sim_venc_grp sim_media_venc_grp(int grp);
+sim_venc_chn sim_media_venc_chn(int chn);
+sim_vo_dev sim_media_vo_dev(int dev);
+
+// All bindings, in the order they were made.
+std::vector<sim_binding> sim_media_bindings();
+// Destinations fed by src.
+std::vector<mpp_chn_t> sim_media_dests_of(const mpp_chn_t& src);
+
+// Memory-zone entries, in the order first configured; zone "" is the default.
+std::vector<sim_mem_conf> sim_media_mem_confs();
+
+// The camera configuration (from board.conf) of capture input c.
+sim_camera_conf sim_media_camera(int input);
+
+inline bool sim_same_chn(const mpp_chn_t& a, const mpp_chn_t& b)
+{
+    return a.mod_id == b.mod_id && a.dev_id == b.dev_id && a.chn_id == b.chn_id;
+}

@@ -1,0 +1,42 @@
+// Inside the simulated media core: the state the family operations share.
+// Only the family sources of the simulated board include this header.
+#pragma once
+
+#include <array>
+#include <mutex>
+#include <vector>
+
+#include "platform/sim/media_core.h"
+
+struct sim_media {
+    std::array<sim_vi_dev, VIU_MAX_DEV_NUM> vi_dev;
+    std::array<sim_vi_chn, VIU_MAX_CHN_NUM> vi_chn;
+    std::array<sim_vpss_grp, VPSS_MAX_GRP_NUM> vpss;
+    std::array<sim_venc_grp, VENC_MAX_GRP_NUM> venc_grp;
+    std::array<sim_venc_chn, VENC_MAX_CHN_NUM> venc_chn;
+    std::array<sim_vo_dev, VO_MAX_DEV_NUM> vo;
+    std::vector<sim_binding> bindings;  // at most one per destination
+    std::vector<sim_mem_conf> mem;      // at most one per channel address
+    sim_board_conf board;
+};
+
+// The core, locked for as long as the object lives. Operations take it once,
+// after their argument checks, and never call another operation meanwhile.
+class media_access {
+public:
+    media_access();
+    sim_media* operator->() { return m_; }
+    sim_media& operator*() { return *m_; }
+
+private:
+    std::unique_lock<std::mutex> lock_;
+    sim_media* m_;
+};
+
+// 0 when the media system is initialised, else hi_err(module,
+// HI_ERR_SYS_NOTREADY). Takes the system family's own lock, so it is called
+// before the core is taken.
+int32_t sim_media_ready(int32_t module);
+
+// Host monotonic time in microseconds.
+int64_t sim_media_now_us();

@@ -1,0 +1,257 @@
+// Simulated processing groups. A group exists from creation to destruction
+// and must be stopped before it is destroyed; its output channels need
+// attributes before they are enabled.
+#include "platform/hi_mpi_vpss.h"
+#include "platform/sim/fault.h"
+#include "platform/sim/media_state.h"
+
+namespace {
+
+constexpr int32_t k_mod = HI_ID_VPSS;
+
+bool is_switch(int32_t v)
+{
+    return v == 0 || v == 1;
+}
+
+bool grp_valid(int32_t grp)
+{
+    return grp >= 0 && grp < VPSS_MAX_GRP_NUM;
+}
+
+bool chn_valid(int32_t chn)
+{
+    return chn >= 0 && chn < VPSS_MAX_CHN_NUM;
+}
+
+bool grp_attr_valid(const vpss_grp_attr_t& a)
+{
+    if (a.max_width < VPSS_MIN_SIZE || a.max_width > VPSS_MAX_WIDTH || a.max_height < VPSS_MIN_SIZE ||
+        a.max_height > VPSS_MAX_HEIGHT)
+        return false;
+    if (a.pix_fmt != PIXEL_FORMAT_YUV_SEMIPLANAR_422 && a.pix_fmt != PIXEL_FORMAT_YUV_SEMIPLANAR_420)
+        return false;
+    for (int32_t s : {a.enhance_en, a.deblock_en, a.sharpen_en, a.denoise_en, a.histogram_en})
+        if (!is_switch(s))
+            return false;
+    return a.die_mode >= VPSS_DIE_MODE_AUTO && a.die_mode <= VPSS_DIE_MODE_ON;
+}
+
+bool grp_param_valid(const vpss_grp_param_t& p)
+{
+    for (uint32_t s : p.strength)
+        if (s > VPSS_MAX_STRENGTH)
+            return false;
+    if (p.motion_adapt > 1)
+        return false;
+    for (uint32_t s : p.spare)
+        if (s != 0)
+            return false;
+    return true;
+}
+
+bool chn_attr_valid(const vpss_chn_attr_t& a)
+{
+    if (!is_switch(a.sharpen_en) || !is_switch(a.border_en))
+        return false;
+    for (uint32_t w : a.border_width)
+        if (w > VPSS_MAX_BORDER_WIDTH || w % 2 != 0)
+            return false;
+    for (uint32_t c : a.border_color)
+        if (c > 0xFFFFFF)
+            return false;
+    return true;
+}
+
+// The group, or nullptr with the error in *err.
+sim_vpss_grp* existing(sim_media& m, int32_t grp, int32_t* err)
+{
+    sim_vpss_grp& g = m.vpss[grp];
+    if (!g.created) {
+        *err = hi_err(k_mod, HI_ERR_UNEXIST);
+        return nullptr;
+    }
+    return &g;
+}
+
+}  // namespace
+
+int32_t HI_MPI_VPSS_CreateGrp(int32_t grp, const vpss_grp_attr_t* attr)
+{
+    if (int32_t r = sim_fail(SIM_OP_HI_MPI_VPSS_CreateGrp))
+        return r;
+    if (!grp_valid(grp))
+        return hi_err(k_mod, HI_ERR_INVALID_DEVID);
+    if (attr == nullptr)
+        return hi_err(k_mod, HI_ERR_NULL_PTR);
+    if (!grp_attr_valid(*attr))
+        return hi_err(k_mod, HI_ERR_ILLEGAL_PARAM);
+    if (int32_t r = sim_media_ready(k_mod))
+        return r;
+    media_access m;
+    sim_vpss_grp& g = m->vpss[grp];
+    if (g.created)
+        return hi_err(k_mod, HI_ERR_EXIST);
+    g = {};
+    g.created = true;
+    g.attr = *attr;
+    g.param = sim_vpss_default_param();
+    return 0;
+}
+
+int32_t HI_MPI_VPSS_DestroyGrp(int32_t grp)
+{
+    if (int32_t r = sim_fail(SIM_OP_HI_MPI_VPSS_DestroyGrp))
+        return r;
+    if (!grp_valid(grp))
+        return hi_err(k_mod, HI_ERR_INVALID_DEVID);
+    if (int32_t r = sim_media_ready(k_mod))
+        return r;
+    media_access m;
+    int32_t err = 0;
+    sim_vpss_grp* g = existing(*m, grp, &err);
+    if (g == nullptr)
+        return err;
+    if (g->started)
+        return hi_err(k_mod, HI_ERR_NOT_PERM);
+    *g = {};
+    return 0;
+}
+
+int32_t HI_MPI_VPSS_StartGrp(int32_t grp)
+{
+    if (int32_t r = sim_fail(SIM_OP_HI_MPI_VPSS_StartGrp))
+        return r;
+    if (!grp_valid(grp))
+        return hi_err(k_mod, HI_ERR_INVALID_DEVID);
+    if (int32_t r = sim_media_ready(k_mod))
+        return r;
+    media_access m;
+    int32_t err = 0;
+    sim_vpss_grp* g = existing(*m, grp, &err);
+    if (g == nullptr)
+        return err;
+    g->started = true;
+    return 0;
+}
+
+int32_t HI_MPI_VPSS_StopGrp(int32_t grp)
+{
+    if (int32_t r = sim_fail(SIM_OP_HI_MPI_VPSS_StopGrp))
+        return r;
+    if (!grp_valid(grp))
+        return hi_err(k_mod, HI_ERR_INVALID_DEVID);
+    if (int32_t r = sim_media_ready(k_mod))
+        return r;
+    media_access m;
+    int32_t err = 0;
+    sim_vpss_grp* g = existing(*m, grp, &err);
+    if (g == nullptr)
+        return err;
+    g->started = false;
+    return 0;
+}
+
+int32_t HI_MPI_VPSS_GetGrpParam(int32_t grp, vpss_grp_param_t* param)
+{
+    if (int32_t r = sim_fail(SIM_OP_HI_MPI_VPSS_GetGrpParam))
+        return r;
+    if (!grp_valid(grp))
+        return hi_err(k_mod, HI_ERR_INVALID_DEVID);
+    if (param == nullptr)
+        return hi_err(k_mod, HI_ERR_NULL_PTR);
+    if (int32_t r = sim_media_ready(k_mod))
+        return r;
+    media_access m;
+    int32_t err = 0;
+    sim_vpss_grp* g = existing(*m, grp, &err);
+    if (g == nullptr)
+        return err;
+    *param = g->param;
+    return 0;
+}
+
+int32_t HI_MPI_VPSS_SetGrpParam(int32_t grp, const vpss_grp_param_t* param)
+{
+    if (int32_t r = sim_fail(SIM_OP_HI_MPI_VPSS_SetGrpParam))
+        return r;
+    if (!grp_valid(grp))
+        return hi_err(k_mod, HI_ERR_INVALID_DEVID);
+    if (param == nullptr)
+        return hi_err(k_mod, HI_ERR_NULL_PTR);
+    if (!grp_param_valid(*param))
+        return hi_err(k_mod, HI_ERR_ILLEGAL_PARAM);
+    if (int32_t r = sim_media_ready(k_mod))
+        return r;
+    media_access m;
+    int32_t err = 0;
+    sim_vpss_grp* g = existing(*m, grp, &err);
+    if (g == nullptr)
+        return err;
+    g->param = *param;
+    return 0;
+}
+
+int32_t HI_MPI_VPSS_SetChnAttr(int32_t grp, int32_t chn, const vpss_chn_attr_t* attr)
+{
+    if (int32_t r = sim_fail(SIM_OP_HI_MPI_VPSS_SetChnAttr))
+        return r;
+    if (!grp_valid(grp))
+        return hi_err(k_mod, HI_ERR_INVALID_DEVID);
+    if (!chn_valid(chn))
+        return hi_err(k_mod, HI_ERR_INVALID_CHNID);
+    if (attr == nullptr)
+        return hi_err(k_mod, HI_ERR_NULL_PTR);
+    if (!chn_attr_valid(*attr))
+        return hi_err(k_mod, HI_ERR_ILLEGAL_PARAM);
+    if (int32_t r = sim_media_ready(k_mod))
+        return r;
+    media_access m;
+    int32_t err = 0;
+    sim_vpss_grp* g = existing(*m, grp, &err);
+    if (g == nullptr)
+        return err;
+    g->chn[chn].attr = *attr;
+    g->chn[chn].attr_set = true;
+    return 0;
+}
+
+int32_t HI_MPI_VPSS_EnableChn(int32_t grp, int32_t chn)
+{
+    if (int32_t r = sim_fail(SIM_OP_HI_MPI_VPSS_EnableChn))
+        return r;
+    if (!grp_valid(grp))
+        return hi_err(k_mod, HI_ERR_INVALID_DEVID);
+    if (!chn_valid(chn))
+        return hi_err(k_mod, HI_ERR_INVALID_CHNID);
+    if (int32_t r = sim_media_ready(k_mod))
+        return r;
+    media_access m;
+    int32_t err = 0;
+    sim_vpss_grp* g = existing(*m, grp, &err);
+    if (g == nullptr)
+        return err;
+    if (!g->chn[chn].attr_set)
+        return hi_err(k_mod, HI_ERR_NOT_CONFIG);
+    g->chn[chn].enabled = true;
+    return 0;
+}
+
+int32_t HI_MPI_VPSS_DisableChn(int32_t grp, int32_t chn)
+{
+    if (int32_t r = sim_fail(SIM_OP_HI_MPI_VPSS_DisableChn))
+        return r;
+    if (!grp_valid(grp))
+        return hi_err(k_mod, HI_ERR_INVALID_DEVID);
+    if (!chn_valid(chn))
+        return hi_err(k_mod, HI_ERR_INVALID_CHNID);
+    if (int32_t r = sim_media_ready(k_mod))
+        return r;
+    media_access m;
+    int32_t err = 0;
+    sim_vpss_grp* g = existing(*m, grp, &err);
+    if (g == nullptr)
+        return err;
+    g->chn[chn].enabled = false;
+    return 0;
+}
