@@ -11,6 +11,7 @@
 #include "cal/cal_buf.h"
 #include "cal/cal_log.h"
 #include "platform/os.h"
+#include "vin/chip.h"
 
 namespace {
 
@@ -87,6 +88,7 @@ void cal_mod_new(cal_t* cal)
         TRACE("cal is NULL\n");
         return;
     }
+    chip_init_slave(cal);
     TRACE(".. module new cal:%08x\n", ptr32(cal));
 }
 
@@ -114,6 +116,7 @@ void cal_delete(cal_t* cal)
     TRACE(".. cal:%08x\n", ptr32(cal));
     if (cal == nullptr)
         return;
+    chip_exit_slave(cal);
     kel_thread_delete(cal->thread_encr);
     kel_thread_delete(cal->thread_encn);
     delete cal;
