@@ -19,7 +19,8 @@ int cal_log(int level, const char* func, int line, const char* fmt, ...)
     for (char* p = std::strchr(msg, '%'); p != nullptr; p = std::strchr(p + 1, '%'))
         *p = '#';
 
-    char out[256 + 64];
+    // Room for any function name the process has and the longest message.
+    char out[512];
     int n;
     if (level == 3)
         n = std::snprintf(out, sizeof(out), "%-16s(%04d)> ERROR!! %s", func, line, msg);
@@ -27,10 +28,9 @@ int cal_log(int level, const char* func, int line, const char* fmt, ...)
         n = std::snprintf(out, sizeof(out), "%-16s(%04d)> %s", func, line, msg);
     size_t len = n < 0 ? 0 : std::min(static_cast<size_t>(n), sizeof(out) - 1);
 
+    // The console gets the line as it is: the message brings its own line end.
     if (level != 7) {
         std::fwrite(out, 1, len, stdout);
-        if (len == 0 || out[len - 1] != '\n')
-            std::fputc('\n', stdout);
         std::fflush(stdout);
     }
     os_syslog(level, out);

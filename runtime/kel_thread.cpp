@@ -21,13 +21,15 @@ void* def_thread(void* p)
 {
     kel_thread_t* dt = static_cast<kel_thread_t*>(p);
     if (dt->fn == nullptr) {
+        // Nothing to run: the thread ends at once, and is no longer running.
         dt->running = 0;
         return nullptr;
     }
-    dt->pid = getpid();
+    const int pid = getpid();
+    dt->pid = pid;
     if (os_sched_setscheduler(SCHED_OTHER, 0) != 0)
-        CAL_LOG(3, "pid:%d schedscheduler SCHED_OTHER.. error:%s\n", dt->pid, strerror(errno));
-    CAL_LOG(6, "name:%s pid:%d\n", dt->name, dt->pid);
+        CAL_LOG(3, "pid:%d schedscheduler SCHED_OTHER.. error:%s\n", pid, strerror(errno));
+    CAL_LOG(6, "name:%s pid:%d\n", dt->name, pid);
     dt->result = dt->fn(dt->arg);
     dt->stable = 0;
     dt->running = 0;
@@ -239,6 +241,6 @@ void kel_thread_dump()
     TRACE("============ DUMP THREAD ===============\n");
     int cnt = 0;
     for (kel_thread_t* dt = kel_thread_registry; dt != nullptr; dt = dt->next)
-        TRACE("cnt:%-2d name:%-20s pid:%-4d id:%-4d heart:%-5d running:%d\n", cnt++, dt->name, dt->pid,
+        TRACE("cnt:%-2d name:%-20s pid:%-4d id:%-4d heart:%-5d running:%d\n", cnt++, dt->name, dt->pid.load(),
               static_cast<int>(dt->id), dt->heart.load(), dt->running.load());
 }

@@ -21,7 +21,7 @@ inline constexpr size_t KEL_THREAD_STACK = 0x40000;  // every creator asks for 2
 struct kel_thread_t {
     kel_thread_t* next;          // link of kel_thread_registry
     pthread_t id;                // 0 when not started or stopped
-    int pid;                     // process id, set by the thread itself
+    std::atomic<int> pid;        // process id, set by the thread itself
     char name[256];
     std::atomic<int> running;    // 1 from start until the function returns or a stop
     std::atomic<int> want_exit;  // written by the owner, polled by the thread

@@ -43,11 +43,24 @@ TEST_F(cal_log_test, message_is_cut_at_255_characters)
 {
     std::string long_text(400, 'a');
     stdout_capture out;
-    cal_log(6, "f", 1, "%s", long_text.c_str());
-    std::string line = out.text();
+    cal_log(6, "f", 1, "%s\n", long_text.c_str());
     std::string prefix = "f               (0001)> ";
-    ASSERT_EQ(line.substr(0, prefix.size()), prefix);
-    EXPECT_EQ(line.substr(prefix.size()), std::string(255, 'a') + "\n");
+    // The cut also takes the line end: the console gets the line as it is.
+    EXPECT_EQ(out.text(), prefix + std::string(255, 'a'));
+    auto lines = read_lines(chip_file("var/log/message"));
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_EQ(lines[0], "6 " + prefix + std::string(255, 'a'));
+}
+
+TEST_F(cal_log_test, a_message_without_line_end_is_written_as_it_is)
+{
+    stdout_capture out;
+    cal_log(6, "f", 2, "no end");
+    cal_log(3, "g", 3, "next\n");
+    EXPECT_EQ(out.text(), "f               (0002)> no endg               (0003)> ERROR!! next\n");
+    auto lines = read_lines(chip_file("var/log/message"));
+    ASSERT_EQ(lines.size(), 2u);
+    EXPECT_EQ(lines[0], "6 f               (0002)> no end");
 }
 
 TEST_F(cal_log_test, long_function_names_are_not_cut)
