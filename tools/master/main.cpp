@@ -1,0 +1,315 @@
+// tarvo-master: the master emulator as a command.
+//
+//   tarvo-master demo  --slave <binary> --board <dir> [--slaves N] [--seconds S]
+//   tarvo-master serve --board <dir> [--slave <binary> --slaves N] [--seconds S]
+//
+// demo starts N slaves, shows each one's announcement and the DMA-info round
+// trips, polls status for S seconds and prints the summary. serve plays
+// chip 0 for slaves started by it or by hand: it gives every slave that
+// connects its windows, answers its notifications and polls its status for
+// S seconds (0: until interrupted), then prints the summary.
+#include <signal.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <thread>
+
+#include "master/master.h"
+
+using namespace tmaster;
+
+namespace {
+
+volatile std::sig_atomic_t g_stop = 0;
+
+void on_signal(int)
+{
+    g_stop = 1;
+}
+
+struct cli {
+    std::string mode;
+    std::string slave;
+    std::string board;
+    int slaves = 1;
+    int seconds = 5;
+    int port_wait_s = 20;
+};
+
+int usage(const char* why)
+{
+    if (why != nullptr)
+        std::fprintf(stderr, "tarvo-master: %s\n", why);
+    std::fprintf(stderr,
+                 "usage: tarvo-master demo  --slave <binary> --board <dir> [--slaves N] [--seconds S]\n"
+                 "       tarvo-master serve --board <dir> [--slave <binary> --slaves N] [--seconds S]\n"
+                 "  --slaves N      slaves on chips 1..N, chip k with cameras 8(k-1)..8k-1 (default 1)\n"
+                 "  --seconds S     how long to poll status (default 5; serve: 0 runs until interrupted)\n"
+                 "  --port-wait S   how long to wait for a slave's ports (default 20)\n");
+    return 2;
+}
+
+bool parse_int(const char* text, int lo, int hi, int* out)
+{
+    char* end = nullptr;
+    errno = 0;
+    long v = std::strtol(text, &end, 10);
+    if (errno != 0 || end == text || *end != '\0' || v < lo || v > hi)
+        return false;
+    *out = static_cast<int>(v);
+    return true;
+}
+
+std::string absolute(const std::string& path)
+{
+    if (path.empty() || path[0] == '/')
+        return path;
+    char cwd[4096];
+    if (getcwd(cwd, sizeof(cwd)) == nullptr)
+        return path;
+    return std::string(cwd) + "/" + path;
+}
+
+int parse_cli(int argc, char** argv, cli* c)
+{
+    if (argc < 2)
+        return usage(nullptr);
+    c->mode = argv[1];
+    if (c->mode != "demo" && c->mode != "serve")
+        return usage(("unknown command \"" + c->mode + "\"").c_str());
+    for (int i = 2; i < argc; ++i) {
+        std::string a = argv[i];
+        if (i + 1 >= argc)
+            return usage(("missing value after " + a).c_str());
+        const char* v = argv[++i];
+        if (a == "--slave")
+            c->slave = absolute(v);
+        else if (a == "--board")
+            c->board = absolute(v);
+        else if (a == "--slaves") {
+            if (!parse_int(v, 0, MAX_SLAVE_CHIP, &c->slaves))
+                return usage("--slaves takes 0..14");
+        } else if (a == "--seconds") {
+            if (!parse_int(v, 0, 86400, &c->seconds))
+                return usage("--seconds takes 0..86400");
+        } else if (a == "--port-wait") {
+            if (!parse_int(v, 1, 3600, &c->port_wait_s))
+                return usage("--port-wait takes 1..3600");
+        } else {
+            return usage(("unknown option " + a).c_str());
+        }
+    }
+    if (c->board.empty())
+        return usage("--board is required");
+    if (c->mode == "demo" && c->slave.empty())
+        return usage("demo needs --slave");
+    if (!c->slave.empty() && access(c->slave.c_str(), X_OK) != 0)
+        return usage(("cannot run " + c->slave + ": " + std::strerror(errno)).c_str());
+    if (c->slave.empty())
+        c->slaves = 0;
+    return 0;
+}
+
+// Sleeps up to `ms`, in short steps so that an interrupt ends it.
+void nap(int ms)
+{
+    for (int t = 0; t < ms && !g_stop; t += 50)
+        std::this_thread::sleep_for(milliseconds(50));
+}
+
+bool wait_interruptible(master& m, int chip, bool (master::*wait)(int, milliseconds), int seconds)
+{
+    auto deadline = steady::now() + std::chrono::seconds(seconds);
+    while (!g_stop && steady::now() < deadline) {
+        if ((m.*wait)(chip, milliseconds(100)))
+            return true;
+    }
+    return false;
+}
+
+std::string ports_text(const slave_info& s)
+{
+    std::string t;
+    for (int k = 0; k < NUM_PORTS; ++k)
+        t += " " + std::to_string(PORT_CAL + k) + (s.ports[k].open ? "" : "(closed)");
+    return t;
+}
+
+// The demo's steps for one slave: ports, announcement, the two round trips.
+bool show_slave(master& m, int chip, int port_wait_s)
+{
+    std::printf("-- chip %d: waiting up to %d s for its six ports\n", chip, port_wait_s);
+    if (!wait_interruptible(m, chip, &master::wait_ports, port_wait_s)) {
+        std::optional<slave_info> s = m.slave(chip);
+        std::printf("-- chip %d: its ports did not all open (%s)\n", chip,
+                    s ? ports_text(*s).c_str() : " none connected");
+        return false;
+    }
+    if (!wait_interruptible(m, chip, &master::wait_announcement, 5)) {
+        std::printf("-- chip %d: all six ports open but no announcement\n", chip);
+        return false;
+    }
+    slave_info s = *m.slave(chip);
+    std::printf("-- chip %d: ports%s connected\n", chip, ports_text(s).c_str());
+    std::printf("-- chip %d: announcement: id %u cmd 0x%08x len %u result %d; %s on port 102, "
+                "%d of 6 ports open before it, %.3f ms after the last\n",
+                chip, s.first_head.id, s.first_head.cmd, s.first_head.len, s.first_head.result,
+                s.first_head.cmd == CMD_ANNOUNCE ? "the first message" : "NOT the first message",
+                __builtin_popcount(s.ports_open_at_first), static_cast<double>(s.first_after_ports.count()) / 1000.0);
+
+    reply_t r;
+    std::optional<dma_info_t> info = m.get_dma_info(chip, milliseconds(3000), &r);
+    if (!info) {
+        std::printf("-- chip %d: HSCC_CAL_GetDmaInfo (0x20003): no usable reply\n", chip);
+        return false;
+    }
+    bool inside = true;
+    for (uint32_t a : info->addr)
+        inside = inside && in_chip_range(chip, a, WINDOW_SIZE);
+    std::printf("-- chip %d: HSCC_CAL_GetDmaInfo (0x20003) id %u -> result %d len %u: dma_index %u, "
+                "local buffers 0x%08x 0x%08x 0x%08x 0x%08x (%s chip %d's memory)\n",
+                chip, r.head.id, r.head.result, r.head.len, info->dma_index, info->addr[0], info->addr[1],
+                info->addr[2], info->addr[3], inside ? "inside" : "NOT inside", chip);
+
+    r = reply_t{};
+    int result = m.set_dma_info(chip, milliseconds(3000), &r);
+    if (r.payload.size() < sizeof(dma_info_t)) {
+        std::printf("-- chip %d: HSCC_CAL_SetDmaInfo (0x20001): no usable reply\n", chip);
+        return false;
+    }
+    dma_info_t echo = load_at<dma_info_t>(r.payload, 0);
+    std::printf("-- chip %d: HSCC_CAL_SetDmaInfo (0x20001) id %u with windows 0x%08x 0x%08x 0x%08x 0x%08x "
+                "-> result %d len %u, payload back: %u 0x%08x 0x%08x 0x%08x 0x%08x\n",
+                chip, r.head.id, master::window_address(chip, 0), master::window_address(chip, 1),
+                master::window_address(chip, 2), master::window_address(chip, 3), result, r.head.len,
+                echo.dma_index, echo.addr[0], echo.addr[1], echo.addr[2], echo.addr[3]);
+    return result == 0;
+}
+
+void progress_line(master& m, int second)
+{
+    for (int chip : m.chips()) {
+        std::optional<slave_info> s = m.slave(chip);
+        if (!s)
+            continue;
+        const slave_stats& t = s->stats;
+        std::printf("-- t+%ds chip %d: heartbit %u; records %llu, network %llu frames, snapshots %llu, "
+                    "motion %llu\n",
+                    second, chip, s->have_status ? s->status.heartbit : 0u,
+                    static_cast<unsigned long long>(t.record.frames),
+                    static_cast<unsigned long long>(t.network.frames),
+                    static_cast<unsigned long long>(t.jpeg.frames),
+                    static_cast<unsigned long long>(t.motion.frames));
+    }
+    std::fflush(stdout);
+}
+
+void list_board_files(const master& m)
+{
+    const std::string& dir = m.board().dir();
+    auto row = [](const std::string& name, const std::string& what) {
+        std::printf("   %-16s %s\n", name.c_str(), what.c_str());
+    };
+    std::printf("== board files in %s\n", dir.c_str());
+    row("chip0.sock", "chip 0's listening socket (the master's)");
+    row("chip0.mem", "chip 0's memory: slave k's four windows from offset (k - 1) * 8 MiB");
+    for (int chip : m.chips()) {
+        std::string t = "chip" + std::to_string(chip);
+        row(t + ".console", "its console");
+        row(t + ".mem", "its memory (local transfer buffers)");
+        row(t + "/", "var/log/message, shell.log, sched.log, clock, etc/TZ, msgq");
+    }
+}
+
+void start_slaves(master& m, const cli& c)
+{
+    for (int k = 1; k <= c.slaves; ++k) {
+        slave_config cfg;
+        cfg.binary = c.slave;
+        cfg.chip = k;
+        cfg.cam_base = 8 * (k - 1);
+        cfg.slave_cam = 8;
+        cfg.num_vin = 8;
+        if (m.start_slave(cfg) < 0)
+            std::printf("-- chip %d: %s\n", k, m.error().c_str());
+    }
+}
+
+int run_demo(master& m, const cli& c)
+{
+    start_slaves(m, c);
+    bool ok = true;
+    for (int k = 1; k <= c.slaves && !g_stop; ++k)
+        ok = show_slave(m, k, c.port_wait_s) && ok;
+
+    std::printf("-- polling status once per second for %d s\n", c.seconds);
+    m.start_status_poll(milliseconds(1000));
+    for (int s = 1; s <= c.seconds && !g_stop; ++s) {
+        nap(1000);
+        progress_line(m, s);
+    }
+    m.stop_status_poll();
+    return ok ? 0 : 1;
+}
+
+int run_serve(master& m, const cli& c)
+{
+    start_slaves(m, c);
+    m.start_status_poll(milliseconds(1000));
+    auto end = steady::now() + std::chrono::seconds(c.seconds);
+    int second = 0;
+    while (!g_stop && (c.seconds == 0 || steady::now() < end)) {
+        for (int chip : m.chips()) {
+            std::optional<slave_info> s = m.slave(chip);
+            if (s && s->ports[port_slot(PORT_CAL)].open && !s->windows_set) {
+                m.get_dma_info(chip, milliseconds(1000));
+                m.set_dma_info(chip, milliseconds(1000));
+            }
+        }
+        nap(1000);
+        progress_line(m, ++second);
+    }
+    m.stop_status_poll();
+    return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    cli c;
+    if (int r = parse_cli(argc, argv, &c); r != 0)
+        return r;
+
+    struct sigaction sa{};
+    sa.sa_handler = on_signal;
+    sigemptyset(&sa.sa_mask);
+    sigaction(SIGINT, &sa, nullptr);
+    sigaction(SIGTERM, &sa, nullptr);
+
+    master_options o;
+    o.board = c.board;
+    o.notes_to = stdout;
+    master m(o);
+    if (m.open() != 0) {
+        std::fprintf(stderr, "tarvo-master: %s\n", m.error().c_str());
+        return 1;
+    }
+    std::printf("== tarvo-master %s on board %s\n", c.mode.c_str(), c.board.c_str());
+    int rc = c.mode == "demo" ? run_demo(m, c) : run_serve(m, c);
+
+    std::printf("== summary\n");
+    m.print_summary(stdout);
+    list_board_files(m);
+    std::printf("== ending the slaves\n");
+    std::fflush(stdout);
+    m.close();
+    if (rc != 0)
+        std::printf("== the demo did not complete: see the lines marked \"--\" above and the consoles\n");
+    return rc;
+}

@@ -1,0 +1,970 @@
+#include "master/master.h"
+
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdarg>
+#include <cstring>
+#include <type_traits>
+
+namespace tmaster {
+
+namespace {
+
+constexpr size_t NOTES_KEPT = 256;
+
+msg_head_t make_head(uint32_t id, uint32_t cmd, uint32_t len)
+{
+    msg_head_t h{};
+    h.id = id;
+    h.cmd = cmd;
+    h.len = len;
+    h.result = 0;
+    return h;
+}
+
+std::string vformat(const char* fmt, va_list ap)
+{
+    char line[512];
+    std::vsnprintf(line, sizeof(line), fmt, ap);
+    return line;
+}
+
+// Reads one packet; returns its length (the packet's own, so a value above
+// the buffer's size means it was cut), 0 at the peer's end, -1 when nothing
+// is there, -2 on an error.
+ssize_t read_packet(int fd, std::span<uint8_t> buf)
+{
+    iovec iov{buf.data(), buf.size()};
+    msghdr mh{};
+    mh.msg_iov = &iov;
+    mh.msg_iovlen = 1;
+    ssize_t n;
+    do {
+        n = recvmsg(fd, &mh, MSG_DONTWAIT | MSG_TRUNC);
+    } while (n < 0 && errno == EINTR);
+    if (n < 0)
+        return errno == EAGAIN || errno == EWOULDBLOCK ? -1 : -2;
+    return n;
+}
+
+const char* port_name(int port)
+{
+    switch (port) {
+    case PORT_CAL: return "102 (commands)";
+    case PORT_ENCR: return "103 (records)";
+    case PORT_ENCN: return "104 (network)";
+    case PORT_VIN: return "105 (motion)";
+    case PORT_ENCJPG: return "106 (snapshots)";
+    case PORT_DEC: return "107 (playback)";
+    default: return "?";
+    }
+}
+
+}  // namespace
+
+const findings* notification::check() const
+{
+    return std::visit(
+        [](const auto& v) -> const findings* {
+            if constexpr (std::is_same_v<std::decay_t<decltype(v)>, std::monostate>)
+                return nullptr;
+            else
+                return &v.check;
+        },
+        parsed);
+}
+
+bool notification::bad() const
+{
+    const findings* f = check();
+    return f == nullptr || f->bad();
+}
+
+bool slave_info::all_ports_open() const
+{
+    return std::all_of(ports.begin(), ports.end(), [](const port_info& p) { return p.open; });
+}
+
+master::master(master_options opts) : opts_(std::move(opts)) {}
+
+master::~master()
+{
+    close();
+}
+
+// ---- notes -----------------------------------------------------------------
+
+void master::add_note_locked(std::string text)
+{
+    double t = std::chrono::duration<double>(steady::now() - t0_).count();
+    char stamp[32];
+    std::snprintf(stamp, sizeof(stamp), "[+%.3f] ", t);
+    text.insert(0, stamp);
+    if (opts_.notes_to != nullptr) {
+        std::fprintf(opts_.notes_to, "tarvo-master: %s\n", text.c_str());
+        std::fflush(opts_.notes_to);
+    }
+    if (notes_.size() == NOTES_KEPT)
+        notes_.pop_front();
+    notes_.push_back(std::move(text));
+    ++note_count_;
+}
+
+void master::note(const char* fmt, ...)
+{
+    va_list ap;
+    va_start(ap, fmt);
+    std::string text = vformat(fmt, ap);
+    va_end(ap);
+    std::lock_guard lk(mu_);
+    add_note_locked(std::move(text));
+}
+
+void master::note_locked(const char* fmt, ...)
+{
+    va_list ap;
+    va_start(ap, fmt);
+    std::string text = vformat(fmt, ap);
+    va_end(ap);
+    add_note_locked(std::move(text));
+}
+
+std::vector<std::string> master::notes() const
+{
+    std::lock_guard lk(mu_);
+    return {notes_.begin(), notes_.end()};
+}
+
+uint64_t master::note_count() const
+{
+    std::lock_guard lk(mu_);
+    return note_count_;
+}
+
+// ---- lifecycle -------------------------------------------------------------
+
+int master::open()
+{
+    if (open_)
+        return 0;
+    t0_ = steady::now();
+    if (board_.open(opts_.board, &error_) != 0)
+        return -1;
+    int fd = board_.listen_socket(&error_);
+    if (fd < 0) {
+        board_.close();
+        return -1;
+    }
+    wake_fd_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    if (wake_fd_ < 0) {
+        error_ = std::string("eventfd: ") + std::strerror(errno);
+        ::close(fd);
+        board_.close();
+        return -1;
+    }
+    listen_fd_ = fd;
+    open_ = true;
+    note("board %s: chip0.sock listening, chip0.mem mapped", opts_.board.c_str());
+    start_events();
+    return 0;
+}
+
+void master::close()
+{
+    if (!open_)
+        return;
+    stop_status_poll();
+    end_slaves();
+    stop_events();
+    {
+        std::lock_guard lk(mu_);
+        close_connections_locked();
+        for (auto& [id, c] : cmds_)
+            c.lost = true;
+        cv_.notify_all();
+    }
+    for (const pending_conn& p : pending_)
+        ::close(p.fd);
+    pending_.clear();
+    ::close(listen_fd_);
+    listen_fd_ = -1;
+    unlink(board_.path("chip0.sock").c_str());
+    ::close(wake_fd_);
+    wake_fd_ = -1;
+    board_.close();
+    open_ = false;
+}
+
+int master::restart()
+{
+    if (!open_) {
+        error_ = "the master is not open";
+        return -1;
+    }
+    stop_events();
+    {
+        std::lock_guard lk(mu_);
+        close_connections_locked();
+        for (auto& [id, c] : cmds_)
+            c.lost = true;
+        cv_.notify_all();
+        add_note_locked("restart: listening socket and every connection closed");
+    }
+    for (const pending_conn& p : pending_)
+        ::close(p.fd);
+    pending_.clear();
+    ::close(listen_fd_);
+    listen_fd_ = board_.listen_socket(&error_);
+    if (listen_fd_ < 0)
+        return -1;
+    note("restart: chip0.sock listening again");
+    start_events();
+    return 0;
+}
+
+int master::start_events()
+{
+    stop_events_ = false;
+    events_ = std::thread(&master::event_loop, this);
+    return 0;
+}
+
+void master::stop_events()
+{
+    if (!events_.joinable())
+        return;
+    stop_events_ = true;
+    uint64_t one = 1;
+    ssize_t n = write(wake_fd_, &one, sizeof(one));
+    (void)n;
+    events_.join();
+}
+
+void master::close_connections_locked()
+{
+    for (auto& [chip, rec] : slaves_) {
+        for (int k = 0; k < NUM_PORTS; ++k) {
+            if (rec.fd[k] >= 0)
+                ::close(rec.fd[k]);
+            rec.fd[k] = -1;
+            rec.info.ports[k].open = false;
+        }
+    }
+}
+
+master::slave_rec& master::rec_locked(int chip)
+{
+    auto [it, inserted] = slaves_.try_emplace(chip);
+    if (inserted) {
+        it->second.fd.fill(-1);
+        it->second.info.chip = chip;
+        for (int k = 0; k < NUM_WINDOWS; ++k)
+            it->second.info.windows[k] = window_address(chip, k);
+    }
+    return it->second;
+}
+
+// ---- slave processes ---------------------------------------------------------
+
+pid_t master::start_slave(const slave_config& cfg)
+{
+    if (!open_) {
+        error_ = "the master is not open";
+        return -1;
+    }
+    if (cfg.chip < 1 || cfg.chip > MAX_SLAVE_CHIP) {
+        error_ = "slave chip ids are 1.." + std::to_string(MAX_SLAVE_CHIP);
+        return -1;
+    }
+    {
+        std::lock_guard lk(mu_);
+        auto it = slaves_.find(cfg.chip);
+        if (it != slaves_.end() && it->second.info.started && !it->second.reaped) {
+            error_ = "chip " + std::to_string(cfg.chip) + " already runs a slave";
+            return -1;
+        }
+    }
+    pid_t pid = spawn_slave(cfg, board_.dir(), &error_);
+    if (pid < 0) {
+        note("chip %d: %s", cfg.chip, error_.c_str());
+        return -1;
+    }
+    std::lock_guard lk(mu_);
+    slave_info& s = rec_locked(cfg.chip).info;
+    rec_locked(cfg.chip).reaped = false;
+    s.started = true;
+    s.config = cfg;
+    s.pid = pid;
+    s.exit_status = -1;
+    note_locked("chip %d: started %s %s %d %d %d (pid %d), console chip%d.console", cfg.chip,
+                cfg.binary.c_str(), cfg.role.c_str(), cfg.cam_base, cfg.slave_cam, cfg.num_vin,
+                static_cast<int>(pid), cfg.chip);
+    return pid;
+}
+
+void master::check_processes_locked()
+{
+    for (auto& [chip, rec] : slaves_) {
+        slave_info& s = rec.info;
+        if (!s.started || s.exit_status >= 0)
+            continue;
+        int st = peek_process(s.pid);
+        if (st >= 0) {
+            s.exit_status = st;
+            note_locked("chip %d: slave pid %d %s", chip, static_cast<int>(s.pid), describe_status(st).c_str());
+        }
+    }
+}
+
+void master::end_slaves()
+{
+    std::vector<std::pair<int, pid_t>> running;
+    {
+        std::lock_guard lk(mu_);
+        check_processes_locked();
+        for (auto& [chip, rec] : slaves_) {
+            if (rec.info.started && !rec.reaped)
+                running.emplace_back(chip, rec.info.pid);
+        }
+    }
+    for (auto [chip, pid] : running) {
+        int st = end_process(pid, opts_.end_grace);
+        int removed = release_chip_queues(board_.dir(), chip);
+        std::lock_guard lk(mu_);
+        slave_rec& rec = rec_locked(chip);
+        rec.reaped = true;
+        if (st >= 0)
+            rec.info.exit_status = st;
+        note_locked("chip %d: slave pid %d ended (%s); %d message queue(s) removed", chip,
+                    static_cast<int>(pid), st >= 0 ? describe_status(st).c_str() : "not ours to wait for",
+                    removed);
+    }
+}
+
+// ---- waiting -----------------------------------------------------------------
+
+bool master::wait_for(int chip, const std::function<bool(const slave_info&)>& pred, milliseconds timeout)
+{
+    std::unique_lock lk(mu_);
+    return cv_.wait_for(lk, timeout, [&] {
+        auto it = slaves_.find(chip);
+        return it != slaves_.end() && pred(it->second.info);
+    });
+}
+
+bool master::wait_ports(int chip, milliseconds timeout)
+{
+    return wait_for(chip, [](const slave_info& s) { return s.all_ports_open(); }, timeout);
+}
+
+bool master::wait_announcement(int chip, milliseconds timeout)
+{
+    return wait_for(chip, [](const slave_info& s) { return s.announcements > 0; }, timeout);
+}
+
+// ---- windows -----------------------------------------------------------------
+
+uint32_t master::window_offset(int chip, int k)
+{
+    return static_cast<uint32_t>((chip - 1) * NUM_WINDOWS + k) * WINDOW_SIZE;
+}
+
+uint32_t master::window_address(int chip, int k)
+{
+    return bus_address(0, window_offset(chip, k));
+}
+
+std::span<uint8_t> master::window(int chip, int k) const
+{
+    std::span<uint8_t> mem = board_.memory();
+    if (chip < 1 || chip > MAX_SLAVE_CHIP || k < 0 || k >= NUM_WINDOWS || mem.empty())
+        return {};
+    return mem.subspan(window_offset(chip, k), WINDOW_SIZE);
+}
+
+window_set master::windows_of(int chip) const
+{
+    window_set ws;
+    for (int k = 0; k < NUM_WINDOWS; ++k)
+        ws[k] = window(chip, k);
+    return ws;
+}
+
+// ---- sending -----------------------------------------------------------------
+
+int master::send_locked(int chip, int port, std::span<const uint8_t> bytes)
+{
+    auto it = slaves_.find(chip);
+    if (it == slaves_.end() || !is_slave_port(port) || it->second.fd[port_slot(port)] < 0) {
+        errno = ENOTCONN;
+        return -1;
+    }
+    ssize_t n = send(it->second.fd[port_slot(port)], bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+    if (n != static_cast<ssize_t>(bytes.size())) {
+        if (n >= 0)
+            errno = EMSGSIZE;
+        return -1;
+    }
+    return 0;
+}
+
+int master::send_raw(int chip, int port, std::span<const uint8_t> bytes)
+{
+    std::lock_guard lk(mu_);
+    return send_locked(chip, port, bytes);
+}
+
+std::optional<reply_t> master::command(int chip, uint32_t cmd, std::span<const uint8_t> payload,
+                                       milliseconds timeout)
+{
+    if (payload.size() > PACKET_MAX - MSG_HEAD_SIZE) {
+        note("chip %d: command %#x with %zu payload bytes is too long to send", chip, cmd, payload.size());
+        return std::nullopt;
+    }
+    std::vector<uint8_t> pkt(MSG_HEAD_SIZE + payload.size());
+    std::unique_lock lk(mu_);
+    uint32_t id = next_id_++;
+    msg_head_t head = make_head(id, cmd, static_cast<uint32_t>(payload.size()));
+    std::memcpy(pkt.data(), &head, sizeof(head));
+    if (!payload.empty())
+        std::memcpy(pkt.data() + MSG_HEAD_SIZE, payload.data(), payload.size());
+
+    pending_cmd pending{};
+    pending.chip = chip;
+    pending.cmd = cmd;
+    auto it = cmds_.try_emplace(id, std::move(pending)).first;
+    if (send_locked(chip, PORT_CAL, pkt) != 0) {
+        int e = errno;
+        cmds_.erase(it);
+        note_locked("chip %d: command %#x id %u not sent: %s", chip, cmd, id,
+                    e == ENOTCONN ? "port 102 is not connected" : std::strerror(e));
+        return std::nullopt;
+    }
+    cv_.wait_for(lk, timeout, [&] { return it->second.done || it->second.lost; });
+    pending_cmd pc = std::move(it->second);
+    cmds_.erase(it);
+    if (!pc.done) {
+        if (pc.lost)
+            note_locked("chip %d: command %#x id %u lost: connections closed", chip, cmd, id);
+        else
+            note_locked("chip %d: command %#x id %u: no reply within %lld ms", chip, cmd, id,
+                        static_cast<long long>(timeout.count()));
+        return std::nullopt;
+    }
+    return std::move(pc.reply);
+}
+
+int master::set_dma_info(int chip, milliseconds timeout, reply_t* out)
+{
+    dma_info_t info{};
+    for (int k = 0; k < NUM_WINDOWS; ++k)
+        info.addr[k] = window_address(chip, k);
+    std::optional<reply_t> r = command(
+        chip, CMD_SET_DMA_INFO, std::span(reinterpret_cast<const uint8_t*>(&info), sizeof(info)), timeout);
+    if (!r)
+        return -1;
+    if (out != nullptr)
+        *out = *r;
+    std::lock_guard lk(mu_);
+    if (r->head.result == 0)
+        rec_locked(chip).info.windows_set = true;
+    return r->head.result;
+}
+
+std::optional<dma_info_t> master::get_dma_info(int chip, milliseconds timeout, reply_t* out)
+{
+    std::optional<reply_t> r = command(chip, CMD_GET_DMA_INFO, {}, timeout);
+    if (!r)
+        return std::nullopt;
+    if (out != nullptr)
+        *out = *r;
+    std::lock_guard lk(mu_);
+    if (r->payload.size() < sizeof(dma_info_t)) {
+        note_locked("chip %d: HSCC_CAL_GetDmaInfo reply of %zu payload bytes; 20 expected", chip,
+                    r->payload.size());
+        return std::nullopt;
+    }
+    dma_info_t info = load_at<dma_info_t>(r->payload, 0);
+    slave_info& s = rec_locked(chip).info;
+    s.have_dma_info = true;
+    s.dma_info = info;
+    return info;
+}
+
+std::optional<status_t> master::get_status(int chip, milliseconds timeout)
+{
+    // A zeroed request: a 4-camera slave leaves part of it in its reply.
+    std::array<uint8_t, sizeof(status_t)> req{};
+    std::optional<reply_t> r = command(chip, CMD_GET_STATUS, req, timeout);
+    std::lock_guard lk(mu_);
+    slave_info& s = rec_locked(chip).info;
+    if (!r || r->payload.size() < sizeof(status_t)) {
+        ++s.status_failures;
+        if (r)
+            note_locked("chip %d: HSCC_CAL_GetStatus reply of %zu payload bytes; 56 expected", chip,
+                        r->payload.size());
+        return std::nullopt;
+    }
+    ++s.status_polls;
+    s.have_status = true;
+    s.status = load_at<status_t>(r->payload, 0);
+    return s.status;
+}
+
+// ---- acknowledgements and notifications ------------------------------------
+
+int master::flush_acks_locked()
+{
+    int sent = 0;
+    for (auto it = acks_.begin(); it != acks_.end();) {
+        msg_head_t h = make_head(it->head.id, it->head.cmd, 0);
+        if (send_locked(it->chip, it->port, std::span(reinterpret_cast<const uint8_t*>(&h), sizeof(h))) != 0) {
+            ++it;  // not connected now: it goes when the port is back
+            continue;
+        }
+        ++rec_locked(it->chip).info.acks_sent;
+        it = acks_.erase(it);
+        ++sent;
+    }
+    if (sent > 0)
+        cv_.notify_all();
+    return sent;
+}
+
+void master::hold_acks(bool hold)
+{
+    std::lock_guard lk(mu_);
+    hold_ = hold;
+    if (!hold_)
+        flush_acks_locked();
+}
+
+int master::release_acks()
+{
+    std::lock_guard lk(mu_);
+    return flush_acks_locked();
+}
+
+size_t master::pending_acks() const
+{
+    std::lock_guard lk(mu_);
+    return acks_.size();
+}
+
+void master::on_notification(notification_fn fn)
+{
+    std::lock_guard lk(mu_);
+    callback_ = std::move(fn);
+}
+
+std::optional<notification> master::next_notification(milliseconds timeout)
+{
+    std::unique_lock lk(mu_);
+    if (!cv_.wait_for(lk, timeout, [&] { return !queue_.empty(); }))
+        return std::nullopt;
+    notification n = std::move(queue_.front());
+    queue_.pop_front();
+    return n;
+}
+
+// ---- the event thread ----------------------------------------------------------
+
+void master::event_loop()
+{
+    std::vector<pollfd> pfds;
+    std::vector<ready_fd> meta;
+    while (!stop_events_) {
+        pfds.clear();
+        meta.clear();
+        pfds.push_back({wake_fd_, POLLIN, 0});
+        meta.push_back({wake_fd_, -1, 0});
+        pfds.push_back({listen_fd_, POLLIN, 0});
+        meta.push_back({listen_fd_, -1, 0});
+        {
+            std::lock_guard lk(mu_);
+            for (const auto& [chip, rec] : slaves_) {
+                for (int k = 0; k < NUM_PORTS; ++k) {
+                    if (rec.fd[k] >= 0) {
+                        pfds.push_back({rec.fd[k], POLLIN, 0});
+                        meta.push_back({rec.fd[k], chip, PORT_CAL + k});
+                    }
+                }
+            }
+        }
+        int timeout_ms = -1;
+        steady::time_point now = steady::now();
+        for (const pending_conn& p : pending_) {
+            pfds.push_back({p.fd, POLLIN, 0});
+            meta.push_back({p.fd, 0, 0});
+            auto left = std::chrono::ceil<milliseconds>(p.deadline - now).count();
+            int ms = static_cast<int>(std::max<long long>(0, left));
+            timeout_ms = timeout_ms < 0 ? ms : std::min(timeout_ms, ms);
+        }
+
+        int n = poll(pfds.data(), pfds.size(), timeout_ms);
+        if (n < 0) {
+            if (errno != EINTR) {
+                note("poll failed: %s", std::strerror(errno));
+                std::this_thread::sleep_for(milliseconds(10));
+            }
+            continue;
+        }
+        if (stop_events_)
+            break;
+        // Established ports first: a hello handled later in this round may
+        // close one of them (a reconnection replaces the old connection).
+        for (size_t i = 2; i < pfds.size(); ++i) {
+            if (pfds[i].revents != 0 && meta[i].chip > 0)
+                read_port(meta[i]);
+        }
+        for (size_t i = 2; i < pfds.size(); ++i) {
+            if (pfds[i].revents != 0 && meta[i].chip == 0)
+                read_hello(meta[i].fd);
+        }
+        now = steady::now();
+        for (auto it = pending_.begin(); it != pending_.end();) {
+            if (it->deadline > now) {
+                ++it;
+                continue;
+            }
+            note("a connection said no hello within %lld ms; dropped",
+                 static_cast<long long>(opts_.hello_timeout.count()));
+            ::close(it->fd);
+            it = pending_.erase(it);
+        }
+        if (pfds[1].revents != 0)
+            accept_all();
+        if (pfds[0].revents != 0) {
+            uint64_t v;
+            ssize_t r = read(wake_fd_, &v, sizeof(v));
+            (void)r;
+        }
+        std::lock_guard lk(mu_);
+        cv_.notify_all();
+    }
+}
+
+void master::accept_all()
+{
+    for (;;) {
+        int fd = accept4(listen_fd_, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+        if (fd < 0) {
+            if (errno == EINTR || errno == ECONNABORTED)
+                continue;
+            if (errno != EAGAIN && errno != EWOULDBLOCK)
+                note("accept failed: %s", std::strerror(errno));
+            return;
+        }
+        pending_.push_back({fd, steady::now() + opts_.hello_timeout});
+    }
+}
+
+void master::read_hello(int fd)
+{
+    auto it = std::find_if(pending_.begin(), pending_.end(), [fd](const pending_conn& p) { return p.fd == fd; });
+    if (it == pending_.end())
+        return;
+    std::array<uint8_t, 64> buf{};
+    ssize_t n = read_packet(fd, buf);
+    if (n == -1)
+        return;  // nothing yet
+    pending_.erase(it);
+    if (n <= 0) {
+        note("a connection closed before its hello; dropped");
+        ::close(fd);
+        return;
+    }
+    if (n != static_cast<ssize_t>(sizeof(hello_t))) {
+        note("bad hello of %zd bytes (12 expected); connection dropped", n);
+        ::close(fd);
+        return;
+    }
+    hello_t h = load_at<hello_t>(buf, 0);
+    if (h.magic != HELLO_MAGIC) {
+        note("bad hello: magic %08x; connection dropped", h.magic);
+        ::close(fd);
+        return;
+    }
+    if (h.chip < 1 || h.chip > MAX_SLAVE_CHIP) {
+        note("bad hello: chip %u is no slave chip; connection dropped", h.chip);
+        ::close(fd);
+        return;
+    }
+    int chip = static_cast<int>(h.chip);
+    if (h.port == PORT_HANDSHAKE) {
+        // The slave's reachability handshake: answered by closing it.
+        ::close(fd);
+        std::lock_guard lk(mu_);
+        ++rec_locked(chip).info.handshakes;
+        note_locked("chip %d: handshake on port 1000, closed", chip);
+        return;
+    }
+    if (h.port > static_cast<uint32_t>(PORT_DEC) || !is_slave_port(static_cast<int>(h.port))) {
+        note("bad hello: chip %d port %u is no port of a slave; connection dropped", chip, h.port);
+        ::close(fd);
+        return;
+    }
+    int port = static_cast<int>(h.port);
+    std::lock_guard lk(mu_);
+    slave_rec& rec = rec_locked(chip);
+    int& slot = rec.fd[port_slot(port)];
+    port_info& pi = rec.info.ports[port_slot(port)];
+    if (slot >= 0) {
+        ::close(slot);
+        note_locked("chip %d port %s: a new connection replaces the old one", chip, port_name(port));
+    } else {
+        note_locked("chip %d port %s connected", chip, port_name(port));
+    }
+    slot = fd;
+    pi.open = true;
+    ++pi.connections;
+    pi.connected_at = steady::now();
+    if (!hold_)
+        flush_acks_locked();
+}
+
+void master::read_port(const ready_fd& r)
+{
+    std::array<uint8_t, PACKET_MAX> buf;
+    ssize_t n = read_packet(r.fd, buf);
+    if (n == -1)
+        return;
+    if (n <= 0) {
+        std::lock_guard lk(mu_);
+        slave_rec& rec = rec_locked(r.chip);
+        int slot = port_slot(r.port);
+        if (rec.fd[slot] == r.fd) {
+            ::close(r.fd);
+            rec.fd[slot] = -1;
+            rec.info.ports[slot].open = false;
+        }
+        note_locked("chip %d port %s closed by the slave", r.chip, port_name(r.port));
+        check_processes_locked();
+        return;
+    }
+    size_t len = static_cast<size_t>(n);
+    if (len > buf.size()) {
+        note("chip %d port %d: a packet of %zu bytes, cut to %zu", r.chip, r.port, len, buf.size());
+        len = buf.size();
+    }
+    if (len < MSG_HEAD_SIZE) {
+        note("chip %d port %d: a %zu-byte message, shorter than a header; ignored", r.chip, r.port, len);
+        return;
+    }
+    std::span<const uint8_t> pkt(buf.data(), len);
+    msg_head_t head = load_at<msg_head_t>(pkt, 0);
+    std::span<const uint8_t> payload = pkt.subspan(MSG_HEAD_SIZE);
+    if (head.len != payload.size())
+        note("chip %d port %d: message %#x says len %u but carries %zu payload bytes", r.chip, r.port,
+             head.cmd, head.len, payload.size());
+    switch (r.port) {
+    case PORT_CAL:
+        on_cal_message(r.chip, head, payload);
+        break;
+    case PORT_ENCR:
+    case PORT_ENCN:
+    case PORT_VIN:
+    case PORT_ENCJPG:
+        on_notification_message(r.chip, r.port, head, payload);
+        break;
+    default:
+        note("chip %d port %d: unexpected message %#x id %u; no playback transfer was asked for", r.chip,
+             r.port, head.cmd, head.id);
+        break;
+    }
+}
+
+void master::on_cal_message(int chip, const msg_head_t& head, std::span<const uint8_t> payload)
+{
+    std::lock_guard lk(mu_);
+    slave_rec& rec = rec_locked(chip);
+    slave_info& s = rec.info;
+    steady::time_point now = steady::now();
+    if (!s.first_seen) {
+        s.first_seen = true;
+        s.first_head = head;
+        s.first_at = now;
+        steady::time_point latest{};
+        for (int k = 0; k < NUM_PORTS; ++k) {
+            if (s.ports[k].open) {
+                s.ports_open_at_first |= 1u << k;
+                latest = std::max(latest, s.ports[k].connected_at);
+            }
+        }
+        s.first_after_ports = std::chrono::duration_cast<std::chrono::microseconds>(now - latest);
+    }
+    if (head.cmd == CMD_ANNOUNCE) {
+        ++s.announcements;
+        s.announced_at = now;
+        note_locked("chip %d: announcement %#x (id %u, len %zu, result %d)", chip, head.cmd, head.id,
+                    payload.size(), head.result);
+        return;
+    }
+    auto it = cmds_.find(head.id);
+    if (it == cmds_.end() || it->second.chip != chip || it->second.done) {
+        ++s.stray_replies;
+        note_locked("chip %d: reply id %u cmd %#x matches no command in flight; ignored", chip, head.id,
+                    head.cmd);
+        return;
+    }
+    if (it->second.cmd != head.cmd) {
+        ++s.stray_replies;
+        note_locked("chip %d: reply id %u carries cmd %#x, the command was %#x; ignored", chip, head.id,
+                    head.cmd, it->second.cmd);
+        return;
+    }
+    it->second.reply.head = head;
+    it->second.reply.payload.assign(payload.begin(), payload.end());
+    it->second.done = true;
+    cv_.notify_all();
+}
+
+void master::on_notification_message(int chip, int port, const msg_head_t& head,
+                                     std::span<const uint8_t> payload)
+{
+    notification n;
+    n.chip = chip;
+    n.port = port;
+    n.head = head;
+    n.payload.assign(payload.begin(), payload.end());
+    window_set ws = windows_of(chip);
+    std::span<const uint8_t> written;
+    if (head.cmd == NOTE_RECORD && port == PORT_ENCR) {
+        n.kind = note_kind::record;
+        record_batch b = parse_record(payload, ws);
+        written = written_bytes(ws, b.note.window, b.note.bytes);
+        n.parsed = std::move(b);
+    } else if (head.cmd == NOTE_NETWORK && port == PORT_ENCN) {
+        n.kind = note_kind::network;
+        network_batch b = parse_network(payload, ws);
+        written = written_bytes(ws, b.window, b.bytes);
+        n.parsed = std::move(b);
+    } else if (head.cmd == NOTE_JPEG && port == PORT_ENCJPG) {
+        n.kind = note_kind::jpeg;
+        jpeg_batch b = parse_jpeg(payload, ws);
+        written = written_bytes(ws, b.window, b.bytes);
+        n.parsed = std::move(b);
+    } else if (head.cmd == NOTE_MOTION && port == PORT_VIN) {
+        n.kind = note_kind::motion;
+        n.parsed = parse_motion(payload);
+    }
+
+    notification_fn fn;
+    {
+        std::lock_guard lk(mu_);
+        fn = callback_;
+    }
+    if (fn)
+        fn(n, written);
+
+    std::lock_guard lk(mu_);
+    slave_rec& rec = rec_locked(chip);
+    std::visit(
+        [&](const auto& v) {
+            if constexpr (std::is_same_v<std::decay_t<decltype(v)>, std::monostate>)
+                ++rec.info.stats.other_bad;
+            else
+                account(rec.info.stats, v);
+        },
+        n.parsed);
+    if (const findings* f = n.check(); f == nullptr) {
+        note_locked("chip %d port %s: message %#x is no notification of this port; answered all the same",
+                    chip, port_name(port), head.cmd);
+    } else if (f->bad()) {
+        note_locked("chip %d port %s: %s %s (%zu finding(s))", chip, port_name(port),
+                    f->rejected ? "rejected:" : "bad:", f->problems.front().c_str(), f->problems.size());
+    }
+    if (opts_.keep_notifications) {
+        n.content.assign(written.begin(), written.end());
+        queue_.push_back(std::move(n));
+        if (queue_.size() > opts_.queue_limit)
+            queue_.pop_front();
+    }
+    acks_.push_back({chip, port, head});
+    if (!hold_)
+        flush_acks_locked();
+    cv_.notify_all();
+}
+
+// ---- status polling ------------------------------------------------------------
+
+void master::start_status_poll(milliseconds period)
+{
+    if (poller_.joinable())
+        return;
+    {
+        std::lock_guard lk(mu_);
+        stop_poll_ = false;
+    }
+    poller_ = std::thread(&master::poll_loop, this, period);
+}
+
+void master::stop_status_poll()
+{
+    if (!poller_.joinable())
+        return;
+    {
+        std::lock_guard lk(mu_);
+        stop_poll_ = true;
+        cv_.notify_all();
+    }
+    poller_.join();
+}
+
+void master::poll_loop(milliseconds period)
+{
+    std::unique_lock lk(mu_);
+    while (!stop_poll_) {
+        steady::time_point next = steady::now() + period;
+        check_processes_locked();
+        std::vector<int> chips;
+        for (const auto& [chip, rec] : slaves_) {
+            if (rec.fd[port_slot(PORT_CAL)] >= 0)
+                chips.push_back(chip);
+        }
+        lk.unlock();
+        for (int chip : chips)
+            get_status(chip, std::min(period, milliseconds(1000)));
+        lk.lock();
+        cv_.wait_until(lk, next, [&] { return stop_poll_; });
+    }
+}
+
+// ---- views -----------------------------------------------------------------------
+
+std::optional<slave_info> master::slave(int chip) const
+{
+    std::lock_guard lk(mu_);
+    auto it = slaves_.find(chip);
+    if (it == slaves_.end())
+        return std::nullopt;
+    slave_info s = it->second.info;
+    s.acks_pending = static_cast<size_t>(
+        std::count_if(acks_.begin(), acks_.end(), [chip](const pending_ack& a) { return a.chip == chip; }));
+    return s;
+}
+
+std::vector<int> master::chips() const
+{
+    std::lock_guard lk(mu_);
+    std::vector<int> v;
+    for (const auto& [chip, rec] : slaves_)
+        v.push_back(chip);
+    return v;
+}
+
+void master::print_summary(FILE* out) const
+{
+    for (int chip : chips()) {
+        if (std::optional<slave_info> s = slave(chip))
+            std::fputs(format_summary(*s).c_str(), out);
+    }
+    std::fflush(out);
+}
+
+}  // namespace tmaster
