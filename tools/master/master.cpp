@@ -207,6 +207,10 @@ int master::restart()
         return -1;
     }
     stop_events();
+    // The listening socket goes first, so that slaves reconnecting at once
+    // find no master until it listens again.
+    ::close(listen_fd_);
+    unlink(board_.path("chip0.sock").c_str());
     {
         std::lock_guard lk(mu_);
         close_connections_locked();
@@ -218,7 +222,6 @@ int master::restart()
     for (const pending_conn& p : pending_)
         ::close(p.fd);
     pending_.clear();
-    ::close(listen_fd_);
     listen_fd_ = board_.listen_socket(&error_);
     if (listen_fd_ < 0)
         return -1;
