@@ -25,6 +25,8 @@ constexpr family_hooks k_families[] = {
     {sim_os_open, sim_os_close},
     {sim_sys_open, sim_sys_close},
     {sim_media_open, sim_media_close},
+    {sim_pcimem_open, sim_pcimem_close},
+    {sim_mcc_open, sim_mcc_close},
 };
 constexpr int k_family_count = sizeof(k_families) / sizeof(k_families[0]);
 

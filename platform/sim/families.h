@@ -15,3 +15,11 @@ void sim_sys_close();
 // memory zones); it reads board.conf on open.
 int sim_media_open(std::string* err);
 void sim_media_close();
+
+// PCI memory (chip<T>.mem, the PCI allocator, memory map, DMA) and the
+// message driver.
+int sim_pcimem_open(std::string* err);
+void sim_pcimem_close();
+
+int sim_mcc_open(std::string* err);
+void sim_mcc_close();
