@@ -10,6 +10,7 @@
 
 #include "cal/cal_buf.h"
 #include "cal/cal_log.h"
+#include "msg/cal_hsc.h"
 #include "platform/os.h"
 #include "vin/chip.h"
 
@@ -88,6 +89,7 @@ void cal_mod_new(cal_t* cal)
         TRACE("cal is NULL\n");
         return;
     }
+    cal->hsc = cal_hsc_new(cal);
     chip_init_slave(cal);
     TRACE(".. module new cal:%08x\n", ptr32(cal));
 }
@@ -116,6 +118,9 @@ void cal_delete(cal_t* cal)
     TRACE(".. cal:%08x\n", ptr32(cal));
     if (cal == nullptr)
         return;
+    // No channel exists when slave_cam was above 32.
+    if (cal->hsc != nullptr)
+        cal_hsc_delete(cal->hsc);
     chip_exit_slave(cal);
     kel_thread_delete(cal->thread_encr);
     kel_thread_delete(cal->thread_encn);
