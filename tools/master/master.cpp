@@ -619,15 +619,22 @@ void master::event_loop()
         }
         if (stop_events_)
             break;
-        // Established ports first: a hello handled later in this round may
-        // close one of them (a reconnection replaces the old connection).
+        // Order matters. A slave connects a port and sends its hello before
+        // it writes on another port, so every connection and hello made
+        // before a message that poll reported must be taken first: accept,
+        // then every waiting hello, then one message per readable port.
+        // A hello taken here may replace (and close) a port of the snapshot;
+        // read_port skips such a one.
+        if (pfds[1].revents != 0)
+            accept_all();
+        std::vector<int> waiting;
+        for (const pending_conn& p : pending_)
+            waiting.push_back(p.fd);
+        for (int fd : waiting)
+            read_hello(fd);
         for (size_t i = 2; i < pfds.size(); ++i) {
             if (pfds[i].revents != 0 && meta[i].chip > 0)
                 read_port(meta[i]);
-        }
-        for (size_t i = 2; i < pfds.size(); ++i) {
-            if (pfds[i].revents != 0 && meta[i].chip == 0)
-                read_hello(meta[i].fd);
         }
         now = steady::now();
         for (auto it = pending_.begin(); it != pending_.end();) {
@@ -640,8 +647,6 @@ void master::event_loop()
             ::close(it->fd);
             it = pending_.erase(it);
         }
-        if (pfds[1].revents != 0)
-            accept_all();
         if (pfds[0].revents != 0) {
             uint64_t v;
             ssize_t r = read(wake_fd_, &v, sizeof(v));
@@ -733,6 +738,13 @@ void master::read_hello(int fd)
 
 void master::read_port(const ready_fd& r)
 {
+    {
+        // Replaced by a new connection in this round: the descriptor is gone.
+        std::lock_guard lk(mu_);
+        auto it = slaves_.find(r.chip);
+        if (it == slaves_.end() || it->second.fd[port_slot(r.port)] != r.fd)
+            return;
+    }
     std::array<uint8_t, PACKET_MAX> buf;
     ssize_t n = read_packet(r.fd, buf);
     if (n == -1)
