@@ -61,6 +61,8 @@ release: deps
 bench: release
 	@for b in build-release/bench/bench_*; do [ -x "$$b" ] && "$$b"; done; true
 
+# The master emulator starts DEMO_SLAVES slaves (default 1) on a fresh board
+# and polls them for DEMO_SECONDS (default 5).
 demo: build
 	@tools/demo.sh $(CURDIR)/build $(DEMO_BOARD)
 

@@ -1,17 +1,20 @@
 #!/usr/bin/env bash
-# Runs a simulated recorder on a fresh board and shows what it produced.
+# `make demo`: a simulated recorder on a fresh board. The master emulator
+# (chip 0) starts the slaves, shows each one's announcement and the DMA-info
+# round trips, polls status, prints its summary and ends the slaves.
+#   tools/demo.sh <build dir> <board dir>
+# DEMO_SLAVES (default 1) and DEMO_SECONDS (default 5) change the run.
 set -euo pipefail
 build=$1
 board=$2
-rm -rf "$board"
-mkdir -p "$board"
-echo "== board: $board"
-echo "== starting one slave (chip 1: cameras 0..7) for 3 seconds"
-TARVO_BOARD="$board" TARVO_CHIP_ID=1 timeout 3 "$build/tarvo3532" slave 0 8 8 > "$board/chip1.console" 2>&1 || true
-echo "== console of chip 1 ($board/chip1.console):"
-cat "$board/chip1.console"
-for f in shell.log var/log/message sched.log clock; do
-  echo "== $board/chip1/$f:"
-  cat "$board/chip1/$f"
+master="$build/tools/master/tarvo-master"
+slave="$build/tarvo3532"
+for f in "$master" "$slave"; do
+  if [ ! -x "$f" ]; then
+    echo "demo: $f is missing; build first (make build)" >&2
+    exit 2
+  fi
 done
-echo "== next: the master emulator connects to the slave through $board/chip0.sock"
+rm -rf "$board"
+exec "$master" demo --slave "$slave" --board "$board" \
+  --slaves "${DEMO_SLAVES:-1}" --seconds "${DEMO_SECONDS:-5}"

@@ -164,17 +164,17 @@ bool show_slave(master& m, int chip, int port_wait_s)
 
     reply_t r;
     std::optional<dma_info_t> info = m.get_dma_info(chip, milliseconds(3000), &r);
-    if (!info) {
+    if (info) {
+        bool inside = true;
+        for (uint32_t a : info->addr)
+            inside = inside && in_chip_range(chip, a, WINDOW_SIZE);
+        std::printf("-- chip %d: HSCC_CAL_GetDmaInfo (0x20003) id %u -> result %d len %u: dma_index %u, "
+                    "local buffers 0x%08x 0x%08x 0x%08x 0x%08x (%s chip %d's memory)\n",
+                    chip, r.head.id, r.head.result, r.head.len, info->dma_index, info->addr[0], info->addr[1],
+                    info->addr[2], info->addr[3], inside ? "inside" : "NOT inside", chip);
+    } else {
         std::printf("-- chip %d: HSCC_CAL_GetDmaInfo (0x20003): no usable reply\n", chip);
-        return false;
     }
-    bool inside = true;
-    for (uint32_t a : info->addr)
-        inside = inside && in_chip_range(chip, a, WINDOW_SIZE);
-    std::printf("-- chip %d: HSCC_CAL_GetDmaInfo (0x20003) id %u -> result %d len %u: dma_index %u, "
-                "local buffers 0x%08x 0x%08x 0x%08x 0x%08x (%s chip %d's memory)\n",
-                chip, r.head.id, r.head.result, r.head.len, info->dma_index, info->addr[0], info->addr[1],
-                info->addr[2], info->addr[3], inside ? "inside" : "NOT inside", chip);
 
     r = reply_t{};
     int result = m.set_dma_info(chip, milliseconds(3000), &r);
@@ -188,7 +188,7 @@ bool show_slave(master& m, int chip, int port_wait_s)
                 chip, r.head.id, master::window_address(chip, 0), master::window_address(chip, 1),
                 master::window_address(chip, 2), master::window_address(chip, 3), result, r.head.len,
                 echo.dma_index, echo.addr[0], echo.addr[1], echo.addr[2], echo.addr[3]);
-    return result == 0;
+    return info && result == 0;
 }
 
 void progress_line(master& m, int second)
