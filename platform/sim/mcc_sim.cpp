@@ -33,6 +33,7 @@
 namespace {
 
 constexpr int k_max_target = 31;
+constexpr int k_handshake_port = 1000;
 constexpr size_t k_relay_stack = 128 * 1024;
 
 struct binding {
@@ -169,14 +170,23 @@ void* relay_main(void* arg)
     binding* b = static_cast<binding*>(arg);
     std::array<unsigned char, SIM_MCC_MAX_PACKET> buf;
     int board = b->board_fd;
+    // The master may close the handshake connection; that one is not
+    // reopened, or the master would see a second handshake.
+    bool retry = true;
+    auto drop_board = [&] {
+        close(board);
+        board = -1;
+        b->connected = false;
+        retry = b->port != k_handshake_port;
+    };
     bool running = true;
     while (running) {
-        if (board < 0) {
+        if (board < 0 && retry) {
             board = connect_port(*b);
             b->connected = board >= 0;
         }
         pollfd p[3] = {{b->wake_fd, POLLIN, 0}, {b->drv_fd, POLLIN | POLLRDHUP, 0}, {board, POLLIN | POLLRDHUP, 0}};
-        if (poll(p, 3, board < 0 ? SIM_MCC_RETRY_MS : -1) < 0) {
+        if (poll(p, 3, board < 0 && retry ? SIM_MCC_RETRY_MS : -1) < 0) {
             if (errno == EINTR)
                 continue;
             break;
@@ -193,9 +203,7 @@ void* relay_main(void* arg)
                 if (f == fwd::stop)
                     break;
                 if (f == fwd::gone) {
-                    close(board);
-                    board = -1;
-                    b->connected = false;
+                    drop_board();
                     continue;
                 }
             }
@@ -204,9 +212,7 @@ void* relay_main(void* arg)
             ssize_t n = take_packet(board, p[2].revents, buf.data());
             if (n < 0) {
                 // The master closed the connection: reconnect, hello again.
-                close(board);
-                board = -1;
-                b->connected = false;
+                drop_board();
                 continue;
             }
             if (n > 0 && forward(b->drv_fd, buf.data(), static_cast<size_t>(n), b->wake_fd) != fwd::sent)

@@ -38,6 +38,8 @@ protected:
     }
     void TearDown() override
     {
+        if (cal_.hsc != nullptr)
+            cal_hsc_delete(cal_.hsc);
         master_.reset();
         board_test::TearDown();
     }
@@ -87,7 +89,10 @@ TEST_F(cal_hsc_test, start_up_waits_for_the_master_opens_six_ports_then_announce
     // socket by now.
     master_->accept_pending();
     auto hellos = master_->hellos();
-    ASSERT_EQ(hellos.size(), 7u);
+    std::string ports;
+    for (auto& h : hellos)
+        ports += std::to_string(h.port) + " ";
+    ASSERT_EQ(hellos.size(), 7u) << ports;
     EXPECT_EQ(hellos[0].port, 1000);
     for (int k = 1; k < 7; ++k)
         EXPECT_EQ(hellos[k].port, 101 + k);
@@ -103,7 +108,6 @@ TEST_F(cal_hsc_test, start_up_waits_for_the_master_opens_six_ports_then_announce
         EXPECT_NE(hsc->virt_addr[k], nullptr);
         EXPECT_EQ(hsc->host_phys_addr[k].load(), 0u);
     }
-    cal_hsc_delete(hsc);
 }
 
 TEST_F(cal_hsc_test, commands_are_read_and_answered_with_the_dma_info)

@@ -107,6 +107,14 @@ TEST_F(sim_mcc_test, a_master_that_comes_late_or_restarts_is_connected_again_wit
     char buf[8];
     EXPECT_EQ(read_port(fd, buf, sizeof(buf)), 4);
     mcc_close(fd);
+
+    // The handshake connection, once the master has closed it, stays closed.
+    int hs = bind_port(1000);
+    master.accept_pending();
+    usleep(50 * 1000);
+    master.accept_pending();
+    EXPECT_EQ(master.hellos().size(), 3u);
+    mcc_close(hs);
 }
 
 TEST_F(sim_mcc_test, binding_limits_and_injected_failures)
