@@ -10,6 +10,7 @@
 
 #include "cal/cal_buf.h"
 #include "cal/cal_log.h"
+#include "cal/cal_tx.h"
 #include "msg/cal_hsc.h"
 #include "platform/os.h"
 #include "vin/chip.h"
@@ -98,8 +99,22 @@ int cal_start(cal_t* cal)
 {
     CAL_CHECK_OBJ(cal, cal_t, "cal is NULL\n");
     int r1 = 0, r3 = 0;
+    int sum = r1 + r3;
+
+    int r = kel_thread_start(cal->thread_encr, tx_encr_thread, cal);
+    if (r < 0)
+        CAL_FATAL("kel_thread_start for tx_encr_thread failed!!\n");
+    sum += r;
+    kel_thread_wait_stable(cal->thread_encr, 5000);
+
+    r = kel_thread_start(cal->thread_encn, tx_encn_thread, cal);
+    if (r < 0)
+        CAL_FATAL("kel_thread_start for tx_encn_thread failed!!\n");
+    sum += r;
+    kel_thread_wait_stable(cal->thread_encn, 5000);
+
     TRACE("r1:%d r3:%d\n", r1, r3);
-    return 0;
+    return sum;
 }
 
 int cal_stop(cal_t* cal)

@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "cal/cal.h"
+#include "cal/cal_cmd.h"
 #include "cal/cal_log.h"
 #include "cal/cal_time.h"
 #include "platform/hi_mpi_pciv.h"
@@ -149,8 +150,5 @@ int tarvo_main(int argc, char** argv)
     low_power(g_cal->master, g_cal->num_vin);
     cal_thread_priority(0, "gui");
 
-    // The command loop arrives with the messaging modules; until then the
-    // process stays up doing nothing, as it would waiting for commands.
-    for (;;)
-        pause();
+    cal_cmd_loop(g_cal);
 }
