@@ -207,16 +207,9 @@ TEST_F(cal_core_test, a_refused_request_is_traced_and_still_succeeds)
     EXPECT_THAT(read_lines(chip_file("sched.log")), ElementsAre());
 }
 
-TEST_F(cal_core_test, start_has_no_thread_to_start_yet_and_stop_finds_none_running)
+TEST_F(cal_core_test, stop_of_a_core_never_started_finds_no_thread)
 {
     cal_t* cal = cal_new();
-    {
-        stdout_capture out;
-        EXPECT_EQ(cal_start(cal), 0);
-        EXPECT_THAT(out.text(), HasSubstr("> r1:0 r3:0\n"));
-    }
-    EXPECT_EQ(kel_thread_running(cal->thread_encr), 0);
-    EXPECT_EQ(kel_thread_running(cal->thread_encn), 0);
     stdout_capture out;
     EXPECT_EQ(cal_stop(cal), 0);
     std::string text = out.text();
@@ -224,6 +217,42 @@ TEST_F(cal_core_test, start_has_no_thread_to_start_yet_and_stop_finds_none_runni
     ASSERT_NE(first, std::string::npos);
     EXPECT_NE(text.find("> dt->id is NULL\n", first + 1), std::string::npos);
     EXPECT_THAT(text, HasSubstr("> r1:0 r2:0\n"));
+    cal_delete(cal);
+}
+
+TEST_F(cal_core_test, start_runs_the_transmit_threads_one_after_the_other)
+{
+    cal_t* cal = cal_new();
+    std::string text;
+    {
+        stdout_capture out;
+        EXPECT_EQ(cal_start(cal), 0);
+        text = out.text();
+    }
+    EXPECT_EQ(kel_thread_running(cal->thread_encr), 1);
+    EXPECT_EQ(kel_thread_running(cal->thread_encn), 1);
+    // encr is waited for until stable before encn is started.
+    size_t encr_ready = text.find("> name:thread_encr k:");
+    size_t encn_start = text.find("> name:thread_encn pid:0 id:");
+    size_t encn_ready = text.find("> name:thread_encn k:");
+    size_t sums = text.find("> r1:0 r3:0\n");
+    ASSERT_NE(encr_ready, std::string::npos) << text;
+    EXPECT_LT(encr_ready, encn_start);
+    EXPECT_LT(encn_start, encn_ready);
+    EXPECT_LT(encn_ready, sums);
+    EXPECT_NE(sums, std::string::npos);
+
+    // Both wait on their queues: ask them to end, then wake them.
+    kel_thread_notify_stop(cal->thread_encr);
+    kel_thread_notify_stop(cal->thread_encn);
+    queue_msg wake{1, {}};
+    ASSERT_EQ(os_msgsnd(cal->msgid_encr, &wake, sizeof(wake.body), 0), 0);
+    ASSERT_EQ(os_msgsnd(cal->msgid_encn, &wake, sizeof(wake.body), 0), 0);
+    stdout_capture out;
+    EXPECT_EQ(cal_stop(cal), 0);
+    EXPECT_THAT(out.text(), HasSubstr("> r1:0 r2:0\n"));
+    EXPECT_EQ(kel_thread_running(cal->thread_encr), 0);
+    EXPECT_EQ(kel_thread_running(cal->thread_encn), 0);
     cal_delete(cal);
 }
 
