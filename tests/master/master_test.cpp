@@ -42,6 +42,13 @@ protected:
         m_ = std::make_unique<master>(opts_);
         ASSERT_EQ(m_->open(), 0) << m_->error();
     }
+    // On the board the slave writes a window before it notifies, and the
+    // master reads it before it answers; over sockets the thread sanitizer
+    // cannot see that order, and a call into the master (which takes its
+    // lock) shows it. Tests call this between writing a window and sending
+    // the notification, and before writing a window that was answered.
+    void handover() const { (void)m_->pending_acks(); }
+
     bool has_note(const std::string& part, milliseconds timeout = WAIT) const
     {
         auto end = steady::now() + timeout;
@@ -413,6 +420,7 @@ TEST_F(master_test, notifications_are_parsed_byte_exact_and_acknowledged)
 
     // Record buffer in window 1.
     uint32_t bytes = write_record(m_->window(2, 1), {{8, 0, 0, 1, 1000, 1000}, {8, 1, 0, 0, 1000, 2000}});
+    handover();
     ASSERT_TRUE(s.port(PORT_ENCR).send(record_note(1, bytes, 2)));
     std::optional<std::vector<uint8_t>> ack = s.port(PORT_ENCR).recv(WAIT);
     ASSERT_TRUE(ack);
@@ -432,6 +440,7 @@ TEST_F(master_test, notifications_are_parsed_byte_exact_and_acknowledged)
 
     // Network batch in window 2.
     bytes = write_network(m_->window(2, 2), {net_desc(100, 0, 1), net_desc(200, 33), net_desc(300, 66)});
+    handover();
     network_note_t nn = net_note(bytes, {8, 16, 24});
     ASSERT_TRUE(s.port(PORT_ENCN).send_msg(0, NOTE_NETWORK, bytes_of(nn)));
     ASSERT_TRUE(s.port(PORT_ENCN).recv(WAIT));
@@ -449,6 +458,7 @@ TEST_F(master_test, notifications_are_parsed_byte_exact_and_acknowledged)
     jn.desc[0] = {1, 1000, 5000, 0};
     jn.desc[1] = {1, 1000, 7000, 5000};
     std::memset(m_->window(2, 0).data() + 5000, 0xD8, 7000);
+    handover();
     ASSERT_TRUE(s.port(PORT_ENCJPG).send_msg(0, NOTE_JPEG, bytes_of(jn)));
     ASSERT_TRUE(s.port(PORT_ENCJPG).recv(WAIT));
     n = m_->next_notification(WAIT);
@@ -486,6 +496,7 @@ TEST_F(master_test, held_acknowledgements_keep_the_slave_waiting)
     m_->hold_acks(true);
 
     uint32_t bytes = write_record(m_->window(1, 1), {{0, 0, 0, 1, 1000, 10}});
+    handover();
     ASSERT_TRUE(s.port(PORT_ENCR).send(record_note(1, bytes, 1)));
     motion_note_t mn{};
     ASSERT_TRUE(s.port(PORT_VIN).send_msg(0, NOTE_MOTION, bytes_of(mn)));
@@ -519,16 +530,17 @@ TEST_F(master_test, bad_notifications_are_reported_answered_and_survived)
     ASSERT_TRUE(s.connect_all(board_));
     ASSERT_TRUE(m_->wait_ports(1, WAIT));
 
-    // Claims beyond the window.
-    ASSERT_TRUE(s.port(PORT_ENCR).send(record_note(1, WINDOW_SIZE + 1, 0)));
-    // A window index no slave has.
-    ASSERT_TRUE(s.port(PORT_ENCR).send(record_note(9, EBUF_HEAD_SIZE, 0)));
-    // An offset past buf_off.
+    // A frame whose offset runs past buf_off.
     write_record(m_->window(1, 1), {{0, 0, 0, 1, 1000, 10}});
     mmd_t e = load_at<mmd_t>(m_->window(1, 1), offsetof(ebuf_head_t, mmd));
     e.data = 5;
     std::memcpy(m_->window(1, 1).data() + offsetof(ebuf_head_t, mmd), &e, sizeof(e));
+    handover();
     ASSERT_TRUE(s.port(PORT_ENCR).send(record_note(1, EBUF_HEAD_SIZE + 10, 1)));
+    // Claims beyond the window.
+    ASSERT_TRUE(s.port(PORT_ENCR).send(record_note(1, WINDOW_SIZE + 1, 0)));
+    // A window index no slave has.
+    ASSERT_TRUE(s.port(PORT_ENCR).send(record_note(9, EBUF_HEAD_SIZE, 0)));
     // Too many frames for a network batch, and a garbage payload.
     network_note_t many = net_note(0, {});
     many.frames = 500;
@@ -554,10 +566,12 @@ TEST_F(master_test, bad_notifications_are_reported_answered_and_survived)
     EXPECT_EQ(i.stats.network.rejected, 2u);
     EXPECT_EQ(i.stats.other_bad, 1u);
     EXPECT_EQ(i.stats.last_bad.size(), 5u);
-    EXPECT_NE(i.stats.last_bad.front().find("2097153"), std::string::npos);
+    EXPECT_TRUE(std::any_of(i.stats.last_bad.begin(), i.stats.last_bad.end(),
+                            [](const std::string& b) { return b.find("claims 2097153 bytes") != std::string::npos; }));
 
     // A good one afterwards is taken as usual.
     uint32_t bytes = write_record(m_->window(1, 1), {{0, 0, 0, 1, 1000, 10}});
+    handover();
     ASSERT_TRUE(s.port(PORT_ENCR).send(record_note(1, bytes, 1)));
     ASSERT_TRUE(s.port(PORT_ENCR).recv(WAIT));
     ASSERT_TRUE(m_->wait_for(1, [](const slave_info& x) { return x.stats.record.frames == 1; }, WAIT));
@@ -772,6 +786,7 @@ TEST_F(master_test, summary_names_each_slave_and_its_streams)
     ASSERT_TRUE(s.connect_all(board_));
     ASSERT_TRUE(m_->wait_ports(1, WAIT));
     uint32_t bytes = write_record(m_->window(1, 1), {{5, 0, 1, 1, 1000, 10}});
+    handover();
     ASSERT_TRUE(s.port(PORT_ENCR).send(record_note(1, bytes, 1)));
     ASSERT_TRUE(s.port(PORT_ENCR).recv(WAIT));
     ASSERT_TRUE(m_->wait_for(1, [](const slave_info& i) { return i.stats.record.frames == 1; }, WAIT));
