@@ -131,6 +131,7 @@ TEST_F(kel_thread_test, stable_wait_ends_at_the_first_poll_for_a_ready_thread)
     stdout_capture out;
     EXPECT_EQ(kel_thread_wait_stable(j.dt, 5000), 0);
     EXPECT_THAT(out.text(), HasSubstr("> name:ready k:0\n"));
+    EXPECT_EQ(kel_thread_stop(j.dt, 2000), 0);
 }
 
 TEST_F(kel_thread_test, stable_wait_ends_when_the_function_returned_without_stable)
