@@ -91,12 +91,11 @@ TEST_F(sim_pcimem_test, dma_copies_in_the_direction_asked_and_refuses_any_bad_bl
     pciv_dma_block_t bad[2] = {{local, fake_master::bus(0), 16}, {local, fake_master::bus(256 * MiB - 8), 16}};
     pciv_dma_task_t bad_task{2, 0, bad};
     EXPECT_NE(HI_MPI_PCIV_DmaTask(&bad_task), 0);
-    pciv_dma_block_t wrong_way{local, fake_master::bus(0), 16};
-    pciv_dma_task_t wrong_task{1, 1, &wrong_way};
-    EXPECT_NE(HI_MPI_PCIV_DmaTask(&wrong_task), 0);
-    pciv_dma_block_t other_chip{local, sim_bus_addr(2, 0), 16};
-    pciv_dma_task_t other_task{1, 0, &other_chip};
-    EXPECT_NE(HI_MPI_PCIV_DmaTask(&other_task), 0);
+    pciv_dma_task_t wrong_way{1, 1, bad};  // reading into the master's memory
+    EXPECT_NE(HI_MPI_PCIV_DmaTask(&wrong_way), 0);
+    bad[0].dst_addr = sim_bus_addr(2, 0);  // another slave's memory
+    pciv_dma_task_t other_chip{1, 0, bad};
+    EXPECT_NE(HI_MPI_PCIV_DmaTask(&other_chip), 0);
     EXPECT_EQ(master.mem(0)[0], 0);
     EXPECT_EQ(std::memcmp(mine + 1000, "from master", 11), 0);
 
