@@ -67,7 +67,9 @@ std::string format_summary(const slave_info& s)
     std::string open, closed;
     uint32_t conns = 0;
     for (int k = 0; k < NUM_PORTS; ++k) {
-        (s.ports[k].open ? open : closed) += " " + std::to_string(PORT_CAL + k);
+        std::string& list = s.ports[k].open ? open : closed;
+        list += ' ';
+        list += std::to_string(PORT_CAL + k);
         conns += s.ports[k].connections;
     }
     addf(out, "   %-12s open:%s%s%s; %u connection(s), %u handshake(s)\n", "ports",
