@@ -42,6 +42,13 @@ protected:
         m_ = std::make_unique<master>(opts_);
         ASSERT_EQ(m_->open(), 0) << m_->error();
     }
+    // Opens the master and connects a fake slave's six ports to it.
+    void open_with(fake_slave& s)
+    {
+        open_master();
+        ASSERT_TRUE(s.connect_all(board_));
+        ASSERT_TRUE(m_->wait_ports(s.chip, WAIT));
+    }
     // On the board the slave writes a window before it notifies, and the
     // master reads it before it answers; over sockets the thread sanitizer
     // cannot see that order, and a call into the master (which takes its
@@ -79,8 +86,6 @@ public:
         stop_ = true;
         t_.join();
     }
-    int served() const { return served_; }
-
 private:
     void run()
     {
@@ -88,7 +93,6 @@ private:
             std::optional<std::vector<uint8_t>> req = port_.recv(milliseconds(20));
             if (!req || req->empty())
                 continue;
-            ++served_;
             if (std::optional<std::vector<uint8_t>> rep = h_(*req))
                 port_.send(*rep);
         }
@@ -97,7 +101,6 @@ private:
     fake_port& port_;
     handler h_;
     std::atomic<bool> stop_{false};
-    std::atomic<int> served_{0};
     std::thread t_;
 };
 
@@ -138,30 +141,20 @@ TEST_F(master_test, board_has_a_sparse_memory_file_and_a_listening_socket)
     ::close(fd);
     EXPECT_EQ(b, 0xA5);
 
-    // Windows are disjoint, within chip 0, for every slave chip.
+    // Windows are disjoint and within chip 0 for every slave chip.
     std::vector<uint32_t> starts;
     for (int chip = 1; chip <= MAX_SLAVE_CHIP; ++chip) {
-        for (int k = 0; k < NUM_WINDOWS; ++k) {
-            EXPECT_TRUE(in_chip_range(0, master::window_address(chip, k), WINDOW_SIZE));
+        for (int k = 0; k < NUM_WINDOWS; ++k)
             starts.push_back(master::window_offset(chip, k));
-        }
     }
     std::sort(starts.begin(), starts.end());
-    for (size_t i = 1; i < starts.size(); ++i)
-        EXPECT_GE(starts[i] - starts[i - 1], WINDOW_SIZE);
-    EXPECT_TRUE(m_->window(0, 0).empty());
-    EXPECT_TRUE(m_->window(1, 4).empty());
+    EXPECT_EQ(std::adjacent_find(starts.begin(), starts.end(),
+                                 [](uint32_t a, uint32_t b) { return b - a < WINDOW_SIZE; }),
+              starts.end());
+    EXPECT_TRUE(in_chip_range(0, bus_address(0, starts.back()), WINDOW_SIZE));
 
     m_->close();
     EXPECT_NE(stat((board_ + "/chip0.sock").c_str(), &st), 0);
-}
-
-TEST_F(master_test, relative_board_path_is_refused)
-{
-    opts_.board = "relative/board";
-    master m(opts_);
-    EXPECT_EQ(m.open(), -1);
-    EXPECT_NE(m.error().find("absolute"), std::string::npos);
 }
 
 // ---- connections ---------------------------------------------------------------
@@ -176,31 +169,20 @@ TEST_F(master_test, connections_without_a_good_hello_are_dropped)
 
     struct bad_hello {
         const char* what;
-        std::vector<uint8_t> bytes;
+        uint32_t magic, chip, port;
+        size_t size;
     };
-    auto hello = [](uint32_t magic, uint32_t chip, uint32_t port) {
-        hello_t h{magic, chip, port};
-        auto b = bytes_of(h);
-        return std::vector<uint8_t>(b.begin(), b.end());
-    };
-    std::vector<uint8_t> long_hello = hello(HELLO_MAGIC, 1, 102);
-    long_hello.push_back(0);
-    std::vector<uint8_t> short_hello = hello(HELLO_MAGIC, 1, 102);
-    short_hello.resize(8);
     const bad_hello cases[] = {
-        {"bad magic", hello(0x3143434E, 1, 102)},
-        {"short", short_hello},
-        {"long", long_hello},
-        {"chip 0", hello(HELLO_MAGIC, 0, 102)},
-        {"chip 15", hello(HELLO_MAGIC, 15, 102)},
-        {"port 101", hello(HELLO_MAGIC, 1, 101)},
-        {"port 108", hello(HELLO_MAGIC, 1, 108)},
-        {"port 0xFFFFFFFF", hello(HELLO_MAGIC, 1, 0xFFFFFFFFu)},
+        {"bad magic", 0x3143434E, 1, 102, 12}, {"short", HELLO_MAGIC, 1, 102, 8},
+        {"long", HELLO_MAGIC, 1, 102, 13},     {"chip 0", HELLO_MAGIC, 0, 102, 12},
+        {"chip 15", HELLO_MAGIC, 15, 102, 12}, {"port 101", HELLO_MAGIC, 1, 101, 12},
+        {"port 108", HELLO_MAGIC, 1, 108, 12}, {"port 2^32-1", HELLO_MAGIC, 1, 0xFFFFFFFFu, 12},
     };
     for (const bad_hello& c : cases) {
         SCOPED_TRACE(c.what);
+        std::array<uint32_t, 4> words = {c.magic, c.chip, c.port, 0};
         fake_port p;
-        ASSERT_TRUE(p.connect(board_, c.bytes));
+        ASSERT_TRUE(p.connect(board_, bytes_of(words).first(c.size)));
         EXPECT_TRUE(p.closed_by_peer(WAIT));
     }
     EXPECT_TRUE(has_note("bad hello"));
@@ -218,37 +200,21 @@ TEST_F(master_test, connections_without_a_good_hello_are_dropped)
     EXPECT_TRUE(m_->wait_ports(1, WAIT));
 }
 
-TEST_F(master_test, handshake_is_closed_and_disturbs_nothing)
+TEST_F(master_test, handshake_is_closed_and_a_new_connection_replaces_the_old_one)
 {
-    open_master();
     fake_slave s;
-    ASSERT_TRUE(s.connect_all(board_));
-    ASSERT_TRUE(m_->wait_ports(1, WAIT));
-
+    open_with(s);
     fake_port hs;
     ASSERT_TRUE(hs.connect(board_, 1, PORT_HANDSHAKE));
     EXPECT_TRUE(hs.closed_by_peer(WAIT));
     ASSERT_TRUE(m_->wait_for(1, [](const slave_info& i) { return i.handshakes == 1; }, WAIT));
+    EXPECT_TRUE(m_->slave(1)->all_ports_open());
 
-    slave_info i = *m_->slave(1);
-    EXPECT_TRUE(i.all_ports_open());
-    for (const port_info& p : i.ports)
-        EXPECT_EQ(p.connections, 1u);
-    responder r(s.port(PORT_CAL), echo);
-    EXPECT_TRUE(m_->command(1, 0x20202, {}, WAIT));
-}
-
-TEST_F(master_test, a_new_connection_for_a_port_replaces_the_old_one)
-{
-    open_master();
-    fake_slave s;
-    ASSERT_TRUE(s.connect_all(board_));
-    ASSERT_TRUE(m_->wait_ports(1, WAIT));
     fake_port again;
     ASSERT_TRUE(again.connect(board_, 1, PORT_CAL));
     EXPECT_TRUE(s.port(PORT_CAL).closed_by_peer(WAIT));
     ASSERT_TRUE(m_->wait_for(1, [](const slave_info& i) { return i.ports[0].connections == 2; }, WAIT));
-
+    EXPECT_EQ(m_->slave(1)->ports[1].connections, 1u);
     responder r(again, echo);
     EXPECT_TRUE(m_->command(1, 0x20202, {}, WAIT));
 }
@@ -283,10 +249,8 @@ TEST_F(master_test, first_message_on_102_is_recorded_with_the_ports_open_before_
 
 TEST_F(master_test, replies_are_matched_by_id_and_cmd)
 {
-    open_master();
     fake_slave s;
-    ASSERT_TRUE(s.connect_all(board_));
-    ASSERT_TRUE(m_->wait_ports(1, WAIT));
+    open_with(s);
 
     std::vector<uint32_t> ids;
     responder r(s.port(PORT_CAL), [&](const std::vector<uint8_t>& req) -> std::optional<std::vector<uint8_t>> {
@@ -344,11 +308,9 @@ TEST_F(master_test, commands_fail_cleanly_without_a_reply_or_a_connection)
 
 TEST_F(master_test, set_dma_info_carries_the_slaves_four_windows)
 {
-    open_master();
     fake_slave s;
     s.chip = 2;
-    ASSERT_TRUE(s.connect_all(board_));
-    ASSERT_TRUE(m_->wait_ports(2, WAIT));
+    open_with(s);
     std::vector<uint8_t> seen;
     responder r(s.port(PORT_CAL), [&](const std::vector<uint8_t>& req) {
         seen = req;
@@ -368,35 +330,26 @@ TEST_F(master_test, set_dma_info_carries_the_slaves_four_windows)
 
 TEST_F(master_test, status_is_polled_and_the_last_one_kept)
 {
-    open_master();
     fake_slave s;
-    ASSERT_TRUE(s.connect_all(board_));
-    ASSERT_TRUE(m_->wait_ports(1, WAIT));
-    std::atomic<uint32_t> heartbit{40};
+    open_with(s);
+    status_t want{};
+    want.heartbit = 41;
+    want.fps[7] = 30;
+    want.clock = 1715680000;
+    want.media_pts = 0x123456789ull;
+    want.heart_vdec = 7;
+    want.heart_jpeg = 9;
     std::atomic<size_t> request_len{0};
     responder r(s.port(PORT_CAL), [&](const std::vector<uint8_t>& req) {
         request_len = req.size();
-        status_t st{};
-        st.heartbit = ++heartbit;
-        for (int k = 0; k < 8; ++k)
-            st.fps[k] = 25 + static_cast<uint32_t>(k);
-        st.clock = 1715680000;
-        st.media_pts = 0x123456789ull;
-        st.heart_vdec = 7;
-        st.heart_jpeg = 9;
-        return std::optional(make_msg(head_of(req).id, head_of(req).cmd, bytes_of(st)));
+        return std::optional(make_msg(head_of(req).id, head_of(req).cmd, bytes_of(want)));
     });
     m_->start_status_poll(milliseconds(50));
     ASSERT_TRUE(m_->wait_for(1, [](const slave_info& i) { return i.status_polls >= 3; }, WAIT));
     m_->stop_status_poll();
     slave_info i = *m_->slave(1);
     EXPECT_EQ(request_len.load(), 16u + 56u);
-    EXPECT_EQ(i.status.heartbit, heartbit.load());
-    EXPECT_EQ(i.status.fps[7], 32u);
-    EXPECT_EQ(i.status.clock, 1715680000u);
-    EXPECT_EQ(i.status.media_pts, 0x123456789ull);
-    EXPECT_EQ(i.status.heart_vdec, 7u);
-    EXPECT_EQ(i.status.heart_jpeg, 9u);
+    EXPECT_EQ(0, std::memcmp(&i.status, &want, sizeof(want)));
     EXPECT_EQ(i.status_failures, 0u);
 }
 
@@ -404,11 +357,9 @@ TEST_F(master_test, status_is_polled_and_the_last_one_kept)
 
 TEST_F(master_test, notifications_are_parsed_byte_exact_and_acknowledged)
 {
-    open_master();
     fake_slave s;
     s.chip = 2;
-    ASSERT_TRUE(s.connect_all(board_));
-    ASSERT_TRUE(m_->wait_ports(2, WAIT));
+    open_with(s);
 
     std::atomic<int> calls{0};
     m_->on_notification([&](const notification& n, std::span<const uint8_t> written) {
@@ -449,50 +400,17 @@ TEST_F(master_test, notifications_are_parsed_byte_exact_and_acknowledged)
     EXPECT_EQ(std::get<network_batch>(n->parsed).frames.size(), 3u);
     EXPECT_EQ(n->content.size(), 684u);
 
-    // Snapshot batch in window 0.
-    jpeg_note_t jn{};
-    jn.bytes = 12000;
-    jn.count = 2;
-    jn.stream[0] = 8;
-    jn.stream[1] = 9;
-    jn.desc[0] = {1, 1000, 5000, 0};
-    jn.desc[1] = {1, 1000, 7000, 5000};
-    std::memset(m_->window(2, 0).data() + 5000, 0xD8, 7000);
-    handover();
-    ASSERT_TRUE(s.port(PORT_ENCJPG).send_msg(0, NOTE_JPEG, bytes_of(jn)));
-    ASSERT_TRUE(s.port(PORT_ENCJPG).recv(WAIT));
-    n = m_->next_notification(WAIT);
-    ASSERT_TRUE(n && n->kind == note_kind::jpeg);
-    EXPECT_EQ(std::get<jpeg_batch>(n->parsed).pictures[1].desc.data, 5000u);
-    EXPECT_EQ(n->content[11999], 0xD8);
-
-    // Motion report in the message itself.
-    motion_note_t mn{};
-    mn.cam = 9;
-    mn.rows[0] = 0xF;
-    ASSERT_TRUE(s.port(PORT_VIN).send_msg(0, NOTE_MOTION, bytes_of(mn)));
-    ASSERT_TRUE(s.port(PORT_VIN).recv(WAIT));
-    n = m_->next_notification(WAIT);
-    ASSERT_TRUE(n && n->kind == note_kind::motion);
-    EXPECT_EQ(std::get<motion_report>(n->parsed).moved_cells, 4);
-    EXPECT_TRUE(n->content.empty());
-
     slave_info i = *m_->slave(2);
-    EXPECT_EQ(calls.load(), 4);
-    EXPECT_EQ(i.acks_sent, 4u);
+    EXPECT_EQ(calls.load(), 2);
+    EXPECT_EQ(i.acks_sent, 2u);
     EXPECT_EQ(i.stats.record.frames, 2u);
     EXPECT_EQ(i.stats.network.frames, 3u);
-    EXPECT_EQ(i.stats.jpeg.frames, 2u);
-    EXPECT_EQ(i.stats.motion_by_cam.at(9), 1u);
-    EXPECT_EQ(i.stats.streams.at({stream_kind::record, 8, 0}).key_frames, 1u);
 }
 
 TEST_F(master_test, held_acknowledgements_keep_the_slave_waiting)
 {
-    open_master();
     fake_slave s;
-    ASSERT_TRUE(s.connect_all(board_));
-    ASSERT_TRUE(m_->wait_ports(1, WAIT));
+    open_with(s);
     m_->hold_acks(true);
 
     uint32_t bytes = write_record(m_->window(1, 1), {{0, 0, 0, 1, 1000, 10}});
@@ -525,10 +443,8 @@ TEST_F(master_test, held_acknowledgements_keep_the_slave_waiting)
 
 TEST_F(master_test, bad_notifications_are_reported_answered_and_survived)
 {
-    open_master();
     fake_slave s;
-    ASSERT_TRUE(s.connect_all(board_));
-    ASSERT_TRUE(m_->wait_ports(1, WAIT));
+    open_with(s);
 
     // A frame whose offset runs past buf_off.
     write_record(m_->window(1, 1), {{0, 0, 0, 1, 1000, 10}});
@@ -539,33 +455,26 @@ TEST_F(master_test, bad_notifications_are_reported_answered_and_survived)
     ASSERT_TRUE(s.port(PORT_ENCR).send(record_note(1, EBUF_HEAD_SIZE + 10, 1)));
     // Claims beyond the window.
     ASSERT_TRUE(s.port(PORT_ENCR).send(record_note(1, WINDOW_SIZE + 1, 0)));
-    // A window index no slave has.
-    ASSERT_TRUE(s.port(PORT_ENCR).send(record_note(9, EBUF_HEAD_SIZE, 0)));
-    // Too many frames for a network batch, and a garbage payload.
+    // Too many frames for a network batch.
     network_note_t many = net_note(0, {});
     many.frames = 500;
     ASSERT_TRUE(s.port(PORT_ENCN).send_msg(0, NOTE_NETWORK, bytes_of(many)));
-    ASSERT_TRUE(s.port(PORT_ENCN).send_msg(0, NOTE_NETWORK, std::vector<uint8_t>(3, 0xFF)));
     // A message of another port's kind.
     ASSERT_TRUE(s.port(PORT_ENCJPG).send_msg(0, NOTE_RECORD, std::vector<uint8_t>(16, 0)));
     // Shorter than a header: not a message at all, and not answered.
     ASSERT_TRUE(s.port(PORT_VIN).send(std::vector<uint8_t>(10, 0)));
 
-    for (int k = 0; k < 3; ++k)
-        EXPECT_TRUE(s.port(PORT_ENCR).recv(WAIT)) << "record ack " << k;
-    for (int k = 0; k < 2; ++k)
-        EXPECT_TRUE(s.port(PORT_ENCN).recv(WAIT)) << "network ack " << k;
-    EXPECT_TRUE(s.port(PORT_ENCJPG).recv(WAIT));
+    for (int p : {PORT_ENCR, PORT_ENCR, PORT_ENCN, PORT_ENCJPG})
+        EXPECT_TRUE(s.port(p).recv(WAIT)) << "answer on port " << p;
     EXPECT_TRUE(has_note("shorter than a header"));
     EXPECT_FALSE(s.port(PORT_VIN).recv(milliseconds(0)));
 
     slave_info i = *m_->slave(1);
-    EXPECT_EQ(i.stats.record.bad, 3u);
-    EXPECT_EQ(i.stats.record.rejected, 2u);
+    EXPECT_EQ(i.stats.record.bad, 2u);
+    EXPECT_EQ(i.stats.record.rejected, 1u);
     EXPECT_EQ(i.stats.record.frames, 0u);
-    EXPECT_EQ(i.stats.network.rejected, 2u);
+    EXPECT_EQ(i.stats.network.rejected, 1u);
     EXPECT_EQ(i.stats.other_bad, 1u);
-    EXPECT_EQ(i.stats.last_bad.size(), 5u);
     EXPECT_TRUE(std::any_of(i.stats.last_bad.begin(), i.stats.last_bad.end(),
                             [](const std::string& b) { return b.find("claims 2097153 bytes") != std::string::npos; }));
 
@@ -745,21 +654,6 @@ TEST_F(slave_process_test, slaves_get_their_arguments_environment_and_console_an
     unsetenv("TARVO_STRAY_SETTING");
 }
 
-TEST_F(slave_process_test, a_slave_that_ended_on_its_own_is_reported)
-{
-    std::string quick = script("quick.sh", "exit 3\n");
-    open_master();
-    slave_config c;
-    c.binary = quick;
-    ASSERT_GT(m_->start_slave(c), 0);
-    m_->start_status_poll(milliseconds(20));  // the poller notices ended processes
-    EXPECT_TRUE(has_note("exited with status 3"));
-    m_->stop_status_poll();
-    EXPECT_EQ(WEXITSTATUS(m_->slave(1)->exit_status), 3);
-    m_->close();
-    EXPECT_TRUE(has_note("chip 1: slave pid"));
-}
-
 TEST(release_queues, removes_the_listed_host_queues_only)
 {
     temp_dir d;
@@ -777,23 +671,6 @@ TEST(release_queues, removes_the_listed_host_queues_only)
     EXPECT_EQ(msgget(k2, 0), q2);
     EXPECT_EQ(release_chip_queues(d.path(), 5), 0);  // no such chip
     msgctl(q2, IPC_RMID, nullptr);
-}
-
-TEST_F(master_test, summary_names_each_slave_and_its_streams)
-{
-    open_master();
-    fake_slave s;
-    ASSERT_TRUE(s.connect_all(board_));
-    ASSERT_TRUE(m_->wait_ports(1, WAIT));
-    uint32_t bytes = write_record(m_->window(1, 1), {{5, 0, 1, 1, 1000, 10}});
-    handover();
-    ASSERT_TRUE(s.port(PORT_ENCR).send(record_note(1, bytes, 1)));
-    ASSERT_TRUE(s.port(PORT_ENCR).recv(WAIT));
-    ASSERT_TRUE(m_->wait_for(1, [](const slave_info& i) { return i.stats.record.frames == 1; }, WAIT));
-    std::string text = format_summary(*m_->slave(1));
-    EXPECT_NE(text.find("== chip 1: not started by this master"), std::string::npos) << text;
-    EXPECT_NE(text.find("open: 102 103 104 105 106 107"), std::string::npos) << text;
-    EXPECT_NE(text.find("cam 5 low"), std::string::npos) << text;
 }
 
 }  // namespace

@@ -3,7 +3,6 @@
 // write crafted window contents.
 #pragma once
 
-#include <ftw.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -14,6 +13,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <optional>
 #include <span>
 #include <string>
@@ -27,6 +27,7 @@ namespace mtest {
 using namespace tmaster;
 using std::chrono::milliseconds;
 
+// A fresh directory under $TMPDIR (or /tmp), removed with its content.
 class temp_dir {
 public:
     temp_dir()
@@ -38,8 +39,9 @@ public:
     }
     ~temp_dir()
     {
+        std::error_code ec;
         if (!path_.empty())
-            nftw(path_.c_str(), remove_entry, 16, FTW_DEPTH | FTW_PHYS);
+            std::filesystem::remove_all(path_, ec);
     }
     temp_dir(const temp_dir&) = delete;
     temp_dir& operator=(const temp_dir&) = delete;
@@ -48,13 +50,12 @@ public:
     std::string file(const std::string& rel) const { return path_ + "/" + rel; }
 
 private:
-    static int remove_entry(const char* p, const struct stat*, int, FTW*) { return ::remove(p); }
     std::string path_;
 };
 
-inline std::vector<uint8_t> make_msg(uint32_t id, uint32_t cmd, std::span<const uint8_t> payload, int32_t result = 0)
+inline std::vector<uint8_t> make_msg(uint32_t id, uint32_t cmd, std::span<const uint8_t> payload)
 {
-    msg_head_t h{id, cmd, static_cast<uint32_t>(payload.size()), result};
+    msg_head_t h{id, cmd, static_cast<uint32_t>(payload.size()), 0};
     std::vector<uint8_t> m(sizeof(h) + payload.size());
     std::memcpy(m.data(), &h, sizeof(h));
     if (!payload.empty())
@@ -109,9 +110,9 @@ public:
         return fd_ >= 0 && ::send(fd_, b.data(), b.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(b.size());
     }
 
-    bool send_msg(uint32_t id, uint32_t cmd, std::span<const uint8_t> payload, int32_t result = 0) const
+    bool send_msg(uint32_t id, uint32_t cmd, std::span<const uint8_t> payload) const
     {
-        return send(make_msg(id, cmd, payload, result));
+        return send(make_msg(id, cmd, payload));
     }
 
     // One packet, or nullopt on time-out; an empty vector at the peer's end.
