@@ -145,20 +145,20 @@ TEST_F(sim_os_test, the_clock_is_an_offset_kept_in_the_chips_file)
     EXPECT_EQ(read_file(chip_file("clock")), "0\n");
     EXPECT_NEAR(static_cast<double>(os_time(nullptr)), host_seconds(), 2.0);
 
-    struct timeval tv{4102444800, 123456};  // 2100-01-01
+    struct timeval tv{2114380800, 123456};  // 2037-01-01, within a 32-bit clock
     ASSERT_EQ(os_settimeofday(&tv), 0);
     long long offset = std::atoll(read_file(chip_file("clock")).c_str());
-    EXPECT_NEAR(static_cast<double>(offset) / 1e6, 4102444800.0 - host_seconds(), 2.0);
-    EXPECT_NEAR(static_cast<double>(os_time(nullptr)), 4102444800.0, 2.0);
+    EXPECT_NEAR(static_cast<double>(offset) / 1e6, 2114380800.0 - host_seconds(), 2.0);
+    EXPECT_NEAR(static_cast<double>(os_time(nullptr)), 2114380800.0, 2.0);
     struct timeval now{};
     os_gettimeofday(&now);
-    EXPECT_NEAR(static_cast<double>(now.tv_sec), 4102444800.0, 2.0);
+    EXPECT_NEAR(static_cast<double>(now.tv_sec), 2114380800.0, 2.0);
     EXPECT_NEAR(host_seconds(), static_cast<double>(time(nullptr)), 2.0);
 
     // A slave started again on the board keeps its clock.
     reopen("");
     EXPECT_EQ(std::atoll(read_file(chip_file("clock")).c_str()), offset);
-    EXPECT_NEAR(static_cast<double>(os_time(nullptr)), 4102444800.0, 2.0);
+    EXPECT_NEAR(static_cast<double>(os_time(nullptr)), 2114380800.0, 2.0);
 
     struct timeval bad{0, 1000000};
     EXPECT_EQ(os_settimeofday(&bad), -1);
