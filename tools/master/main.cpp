@@ -135,8 +135,12 @@ bool wait_interruptible(master& m, int chip, bool (master::*wait)(int, milliseco
 std::string ports_text(const slave_info& s)
 {
     std::string t;
-    for (int k = 0; k < NUM_PORTS; ++k)
-        t += " " + std::to_string(PORT_CAL + k) + (s.ports[k].open ? "" : "(closed)");
+    for (int k = 0; k < NUM_PORTS; ++k) {
+        t += ' ';
+        t += std::to_string(PORT_CAL + k);
+        if (!s.ports[k].open)
+            t += "(closed)";
+    }
     return t;
 }
 
