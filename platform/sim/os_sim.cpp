@@ -12,6 +12,7 @@
 #include <sys/random.h>
 #include <unistd.h>
 
+#include <array>
 #include <atomic>
 #include <cerrno>
 #include <cinttypes>
@@ -36,6 +37,18 @@ int g_syslog_fd = -1;
 int g_shell_fd = -1;
 int g_sched_fd = -1;
 bool g_sched_apply = false;
+
+// A queue message hands over memory written before the send (a buffer
+// whose pointer it carries). The kernel orders the send before the receipt,
+// but the language's memory model, and the thread checker with it, cannot
+// see through the system call: a release on the queue's word before each
+// send and an acquire after each receipt state that order.
+std::array<std::atomic<uint32_t>, 64> g_queue_handoff;
+
+std::atomic<uint32_t>& queue_handoff(int msqid)
+{
+    return g_queue_handoff[static_cast<unsigned>(msqid) % g_queue_handoff.size()];
+}
 
 struct queue_map {
     key_t key;       // the system's key
@@ -349,6 +362,7 @@ int os_msgsnd(int msqid, const void* msgp, size_t msgsz, int msgflg)
         errno = code;
         return -1;
     }
+    queue_handoff(msqid).fetch_add(1, std::memory_order_release);
     return msgsnd(msqid, msgp, msgsz, msgflg);
 }
 
@@ -358,5 +372,8 @@ ssize_t os_msgrcv(int msqid, void* msgp, size_t msgsz, long msgtyp, int msgflg)
         errno = code;
         return -1;
     }
-    return msgrcv(msqid, msgp, msgsz, msgtyp, msgflg);
+    ssize_t r = msgrcv(msqid, msgp, msgsz, msgtyp, msgflg);
+    if (r >= 0)
+        (void)queue_handoff(msqid).load(std::memory_order_acquire);
+    return r;
 }
