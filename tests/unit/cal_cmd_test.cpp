@@ -116,7 +116,8 @@ protected:
     static std::vector<unsigned char> words(std::initializer_list<int32_t> w, size_t size = 0)
     {
         std::vector<unsigned char> p(std::max(size, w.size() * 4));
-        std::memcpy(p.data(), w.begin(), w.size() * 4);
+        if (w.size() > 0)
+            std::memcpy(p.data(), w.begin(), w.size() * 4);
         return p;
     }
 
