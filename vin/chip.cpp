@@ -59,9 +59,41 @@ const vi_dev_attr_t& pick_dev_table(int yres, int prog, int type)
     return M_CHIP_DEV_ATTR_BT656D1_1MUX;
 }
 
+// Output channels enabled in group g, q = g / n.
+bool vpss_chn_on(int q, int g, int k)
+{
+    if (q == 1)
+        return true;
+    if (q == 0 || q == 2)
+        return k <= 3;
+    if (q == 3)
+        return k == 2 || k == 3;
+    if (g == 127)
+        return k == 2;
+    if (g == 126 || g == 125)
+        return k == 3;
+    return false;
+}
+
+// The source bound to dest is unbound; 0 when nothing is bound.
+int32_t unbind_dest(const mpp_chn_t& dest)
+{
+    mpp_chn_t src;
+    if (HI_MPI_SYS_GetBindbyDest(&dest, &src) != 0)
+        return 0;
+    return HI_MPI_SYS_UnBind(&src, &dest);
+}
+
+bool cam_count_supported(int n)
+{
+    return n >= 1 && n <= CHIP_MAX_CAM;
+}
+
+}  // namespace
+
 // Which bus lines carry the picture depends on where the device sits on
 // the chip (d mod 4) and on the interface mode of its table.
-void set_component_masks(vi_dev_attr_t* a, int d, int xres, int type)
+void _m_chip_vi_comp_mask(vi_dev_attr_t* a, int d, int xres, int type)
 {
     const int32_t mode = a->intf_mode;
     const bool standard = mode == VI_MODE_BT1120_STANDARD;
@@ -96,38 +128,6 @@ void set_component_masks(vi_dev_attr_t* a, int d, int xres, int type)
         break;
     }
 }
-
-// Output channels enabled in group g, q = g / n.
-bool vpss_chn_on(int q, int g, int k)
-{
-    if (q == 1)
-        return true;
-    if (q == 0 || q == 2)
-        return k <= 3;
-    if (q == 3)
-        return k == 2 || k == 3;
-    if (g == 127)
-        return k == 2;
-    if (g == 126 || g == 125)
-        return k == 3;
-    return false;
-}
-
-// The source bound to dest is unbound; 0 when nothing is bound.
-int32_t unbind_dest(const mpp_chn_t& dest)
-{
-    mpp_chn_t src;
-    if (HI_MPI_SYS_GetBindbyDest(&dest, &src) != 0)
-        return 0;
-    return HI_MPI_SYS_UnBind(&src, &dest);
-}
-
-bool cam_count_supported(int n)
-{
-    return n >= 1 && n <= CHIP_MAX_CAM;
-}
-
-}  // namespace
 
 int _m_sys_memconfig(cal_t* cal)
 {
@@ -196,7 +196,7 @@ int _m_chip_set_vin(cal_t* cal, int cam, int xres, int yres, int prog, double fp
     // Standard-definition input on the HD decoder path arrives 1920 wide.
     if (yres != 720 && yres != 1080 && type == 3)
         xres = 1920;
-    set_component_masks(&dev, d, xres, type);
+    _m_chip_vi_comp_mask(&dev, d, xres, type);
     if (int32_t r = HI_MPI_VI_SetDevAttr(d, &dev))
         TRACE("HI_MPI_VI_SetDevAttr failed with %#x!\n", hex(r));
     if (int32_t r = HI_MPI_VI_EnableDev(d))

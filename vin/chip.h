@@ -90,6 +90,10 @@ int _m_sys_memconfig(cal_t* cal);
 // touched.
 int _m_chip_set_vin(cal_t* cal, int cam, int xres, int yres, int prog, double fps, int type);
 
+// Sets the component masks (words 2 and 3) of a copied device table for
+// device d, by d mod 4 and the table's interface mode.
+void _m_chip_vi_comp_mask(vi_dev_attr_t* attr, int d, int xres, int type);
+
 // Creates, configures and starts groups first .. first + count - 1, each
 // with up to nchn output channels. Without grp_attr the groups take size
 // and 4:2:0. 0, or -1 at the first failure (the groups made so far stay).
