@@ -53,6 +53,11 @@ const format_case k_cases[] = {
      0, 1280, 720, 360, VI_CAPSEL_BOTH, -1, -1},
 };
 
+void PrintTo(const format_case& f, std::ostream* os)
+{
+    *os << f.name;
+}
+
 class chip_vin_format_test : public chip_board_test, public testing::WithParamInterface<format_case> {};
 
 TEST_P(chip_vin_format_test, records_read_back)
