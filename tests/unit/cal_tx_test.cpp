@@ -19,7 +19,7 @@
 #include "msg/cal_hsc.h"
 #include "platform/os.h"
 #include "platform/sim/fault.h"
-#include "tests/support/fake_master.h"
+#include "tests/support/core_board.h"
 #include "tests/support/test_board.h"
 
 namespace {
@@ -44,33 +44,16 @@ uint32_t u32(const unsigned char* p)
     return v;
 }
 
-class cal_tx_test : public board_test {
+class cal_tx_test : public core_board_test {
 protected:
-    void SetUp() override
-    {
-        board_test::SetUp();
-        master_ = std::make_unique<fake_master>(board_.path());
-        cal_ = cal_new();
-        cal_->slave_cam = 8;
-        cal_->cam_base = 8;
-        cal_->num_vin = 16;
-        cal_->hsc = cal_hsc_new(cal_);
-        ASSERT_NE(cal_->hsc, nullptr);
-    }
     void TearDown() override
     {
         stop();
-        cal_hsc_delete(cal_->hsc);
-        cal_->hsc = nullptr;
-        kel_thread_delete(cal_->thread_encr);
-        kel_thread_delete(cal_->thread_encn);
-        delete cal_;
-        master_.reset();
+        core_board_test::TearDown();
         EXPECT_EQ(ebuf_get_total_size(), 0);
         EXPECT_EQ(ebuf_get_cnt(), 0);
         EXPECT_EQ(nbuf_get_total_size(), 0);
         EXPECT_EQ(nbuf_get_cnt(), 0);
-        board_test::TearDown();
     }
 
     // The master's windows 0 .. 3 at 0, 2, 4 and 6 MiB of its memory.
@@ -110,18 +93,12 @@ protected:
         for (int k = 0; k < frames; ++k) {
             ebuf_mmd_t& m = e->mmd[k];
             m = {};
-            m.cam = static_cast<uint8_t>(8 + k % 8);
+            m.cam = static_cast<uint8_t>(8 + k);
             m.frame_idx = static_cast<uint8_t>(k);
-            m.key = k == 0;
-            m.width = 1920;
-            m.height = 1080;
-            m.fps = 30;
-            m.const12 = m.const13 = 2;
             m.sec_of_day = 3600 + static_cast<uint32_t>(k);
             m.len = static_cast<uint32_t>(frame_len);
             m.data = ptr32(e->buf + e->buf_off);
-            std::memset(e->buf + e->buf_off, 'a' + k % 26, static_cast<size_t>(frame_len));
-            e->mmd_time[k] = 1700000000u + static_cast<uint32_t>(k);
+            std::memset(e->buf + e->buf_off, 'a' + k, static_cast<size_t>(frame_len));
             e->buf_off += frame_len;
         }
         return e;
@@ -129,18 +106,7 @@ protected:
 
     nbuf_desc_t frame(uint32_t len, unsigned char fill)
     {
-        nbuf_desc_t d{};
-        d.year = 2026;
-        d.mon = 11;
-        d.mday = 22;
-        d.msec = 1234;
-        d.key = fill == 'A';
-        d.width = 640;
-        d.height = 360;
-        d.fps = 30;
-        d.const17 = 1;
-        d.const18 = 2;
-        d.len = len;
+        nbuf_desc_t d{2026, 11, 22, 1234, 0, fill == 'A', 640, 360, 30, 1, 2, 0, len, nullptr};
         d.data = nbuf_malloc(static_cast<int>(len));
         std::memset(d.data, fill, len);
         return d;
@@ -148,9 +114,6 @@ protected:
 
     // The network notifications the master has answered, in order.
     std::vector<std::vector<unsigned char>> encn_notes() { return master_->echoed(MSGPORT_ENCN); }
-
-    cal_t* cal_ = nullptr;
-    std::unique_ptr<fake_master> master_;
 };
 
 TEST_F(cal_tx_test, a_record_buffer_reaches_the_master_whole_and_is_freed_after_the_answer)
@@ -287,28 +250,6 @@ TEST_F(cal_tx_test, messages_of_other_types_are_consumed_without_effect)
     ASSERT_TRUE(eventually([&] { return encn_notes().size() == 1; }));
     EXPECT_EQ(u32(encn_notes()[0].data() + 24), 1u);
     EXPECT_EQ(master_->echoed(MSGPORT_ENCR).size(), 1u);
-}
-
-TEST_F(cal_tx_test, threads_report_stable_and_beat)
-{
-    start();
-    EXPECT_EQ(cal_->thread_encr->stable.load(), 1);
-    EXPECT_EQ(cal_->thread_encn->stable.load(), 1);
-    // The network thread beats once per pass, about ten times a second.
-    ASSERT_TRUE(eventually([&] { return kel_thread_heart(cal_->thread_encn) >= 2; }));
-    std::string sched = read_file(chip_file("sched.log"));
-    EXPECT_THAT(sched, ::testing::HasSubstr("SCHED_RR 1"));
-}
-
-using cal_tx_death_test = cal_tx_test;
-
-TEST_F(cal_tx_death_test, threads_check_the_core_they_are_given)
-{
-    EXPECT_FATAL(tx_encr_thread(nullptr), "enc is NULL");
-    EXPECT_FATAL(tx_encn_thread(nullptr), "enc is NULL");
-    cal_t broken{};
-    broken.size = 3;
-    EXPECT_FATAL(tx_encn_thread(&broken), "size != sizeof\\(cal_t\\)");
 }
 
 }  // namespace
