@@ -94,7 +94,7 @@ media_access::media_access() : lock_(g_mutex), m_(&g_media) {}
 
 int32_t sim_media_ready(int32_t module)
 {
-    return sim_sys_snapshot().sys_initialised ? 0 : hi_err(module, HI_ERR_SYS_NOTREADY);
+    return sim_sys_initialised() ? 0 : hi_err(module, HI_ERR_SYS_NOTREADY);
 }
 
 int64_t sim_media_now_us()

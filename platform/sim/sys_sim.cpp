@@ -57,6 +57,12 @@ sim_sys_state sim_sys_snapshot()
     return g_state;
 }
 
+bool sim_sys_initialised()
+{
+    std::lock_guard lock(g_mutex);
+    return g_state.sys_initialised;
+}
+
 int32_t HI_MPI_VB_SetConf(const vb_conf_t* conf)
 {
     if (int32_t r = sim_fail(SIM_OP_HI_MPI_VB_SetConf))

@@ -17,3 +17,7 @@ struct sim_sys_state {
 };
 
 sim_sys_state sim_sys_snapshot();
+
+// Whether the media system is initialised (what every media family checks
+// first); cheaper than a snapshot.
+bool sim_sys_initialised();
