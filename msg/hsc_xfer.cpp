@@ -54,6 +54,32 @@ cal_hsc_t* checked_hsc(cal_t* cal)
     return cal->hsc;
 }
 
+// A batch is taken whole or not at all: its count, its total and every
+// item's bytes (plus `extra` bytes of descriptor per item in the window) are
+// checked before anything is copied or released.
+template <typename Desc>
+bool batch_acceptable(const int* channels, const Desc* descs, int n, int max_n, int total, uint32_t extra)
+{
+    if (n < 0 || n > max_n || (n > 0 && (channels == nullptr || descs == nullptr)) || total < 0 ||
+        total > static_cast<int>(HSC_BUF_SIZE)) {
+        TRACE("refused.. n:%d total:%d\n", n, total);
+        return false;
+    }
+    uint64_t need = 0;
+    for (int k = 0; k < n; ++k) {
+        if (descs[k].data == nullptr && descs[k].len != 0) {
+            TRACE("refused.. item %d has no data\n", k);
+            return false;
+        }
+        need += extra + uint64_t{descs[k].len};
+    }
+    if (need > HSC_BUF_SIZE) {
+        TRACE("refused.. n:%d bytes:%llu > %u\n", n, static_cast<unsigned long long>(need), HSC_BUF_SIZE);
+        return false;
+    }
+    return true;
+}
+
 template <typename T>
 void put_payload(hsc_msg_t* msg, uint32_t cmd, const T& payload)
 {
@@ -109,24 +135,8 @@ int cal_hsc_send_nbuf(cal_t* cal, const int* channels, const nbuf_desc_t* descs,
     if (!xfer_ready(hsc, HSC_BUF_ENCN, &window, &window_addr))
         return -1;
 
-    // The whole batch is checked before anything is copied or released.
-    if (n < 0 || n > HSC_ENCN_MAX_FRAMES || (n > 0 && (channels == nullptr || descs == nullptr)) || total < 0 ||
-        total > static_cast<int>(HSC_BUF_SIZE)) {
-        TRACE("refused.. n:%d total:%d\n", n, total);
+    if (!batch_acceptable(channels, descs, n, HSC_ENCN_MAX_FRAMES, total, NBUF_DESC_WIRE_SIZE))
         return -1;
-    }
-    uint64_t need = 0;
-    for (int k = 0; k < n; ++k) {
-        if (descs[k].data == nullptr && descs[k].len != 0) {
-            TRACE("refused.. frame %d has no data\n", k);
-            return -1;
-        }
-        need += NBUF_DESC_WIRE_SIZE + uint64_t{descs[k].len};
-    }
-    if (need > HSC_BUF_SIZE) {
-        TRACE("refused.. n:%d bytes:%llu > %u\n", n, static_cast<unsigned long long>(need), HSC_BUF_SIZE);
-        return -1;
-    }
 
     hsc_encn_note_t note{};
     unsigned char* local = hsc->virt_addr[HSC_BUF_ENCN];
@@ -161,23 +171,8 @@ int cal_hsc_send_jpg(cal_t* cal, const int* channels, const jpg_desc_t* descs, i
     if (!xfer_ready(hsc, HSC_BUF_JPG, &window, &window_addr))
         return -1;
 
-    if (n < 0 || n > HSC_JPG_MAX_PICS || (n > 0 && (channels == nullptr || descs == nullptr)) || total < 0 ||
-        total > static_cast<int>(HSC_BUF_SIZE)) {
-        TRACE("refused.. n:%d total:%d\n", n, total);
+    if (!batch_acceptable(channels, descs, n, HSC_JPG_MAX_PICS, total, 0))
         return -1;
-    }
-    uint64_t need = 0;
-    for (int k = 0; k < n; ++k) {
-        if (descs[k].data == nullptr && descs[k].len != 0) {
-            TRACE("refused.. picture %d has no data\n", k);
-            return -1;
-        }
-        need += descs[k].len;
-    }
-    if (need > HSC_BUF_SIZE) {
-        TRACE("refused.. n:%d bytes:%llu > %u\n", n, static_cast<unsigned long long>(need), HSC_BUF_SIZE);
-        return -1;
-    }
 
     hsc_jpg_note_t note{};
     unsigned char* local = hsc->virt_addr[HSC_BUF_JPG];
