@@ -63,15 +63,39 @@ bool chn_attr_valid(const vpss_chn_attr_t& a)
     return true;
 }
 
-// The group, or nullptr with the error in *err.
-sim_vpss_grp* existing(sim_media& m, int32_t grp, int32_t* err)
+constexpr int32_t k_no_chn = -1;
+
+// The error of a pointer argument: NULL, or a record valid() refuses.
+template <class T, class Valid>
+int32_t arg_error(const T* arg, Valid valid)
 {
-    sim_vpss_grp& g = m.vpss[grp];
-    if (!g.created) {
-        *err = hi_err(k_mod, HI_ERR_UNEXIST);
-        return nullptr;
-    }
-    return &g;
+    if (arg == nullptr)
+        return hi_err(k_mod, HI_ERR_NULL_PTR);
+    return valid(*arg) ? 0 : hi_err(k_mod, HI_ERR_ILLEGAL_PARAM);
+}
+
+// The checks of every operation on an existing group, in the hardware's
+// order: the injected fault, the group number, the channel number (unless
+// k_no_chn), the operation's own argument error, the system, the group's
+// existence. fn then runs on the group under the core's lock.
+template <class Fn>
+int32_t on_group(sim_op op, int32_t grp, int32_t chn, int32_t arg_err, Fn&& fn)
+{
+    if (int32_t r = sim_fail(op))
+        return r;
+    if (!grp_valid(grp))
+        return hi_err(k_mod, HI_ERR_INVALID_DEVID);
+    if (chn != k_no_chn && !chn_valid(chn))
+        return hi_err(k_mod, HI_ERR_INVALID_CHNID);
+    if (arg_err != 0)
+        return arg_err;
+    if (int32_t r = sim_media_ready(k_mod))
+        return r;
+    media_access m;
+    sim_vpss_grp& g = m->vpss[grp];
+    if (!g.created)
+        return hi_err(k_mod, HI_ERR_UNEXIST);
+    return fn(g);
 }
 
 }  // namespace
@@ -101,157 +125,72 @@ int32_t HI_MPI_VPSS_CreateGrp(int32_t grp, const vpss_grp_attr_t* attr)
 
 int32_t HI_MPI_VPSS_DestroyGrp(int32_t grp)
 {
-    if (int32_t r = sim_fail(SIM_OP_HI_MPI_VPSS_DestroyGrp))
-        return r;
-    if (!grp_valid(grp))
-        return hi_err(k_mod, HI_ERR_INVALID_DEVID);
-    if (int32_t r = sim_media_ready(k_mod))
-        return r;
-    media_access m;
-    int32_t err = 0;
-    sim_vpss_grp* g = existing(*m, grp, &err);
-    if (g == nullptr)
-        return err;
-    if (g->started)
-        return hi_err(k_mod, HI_ERR_NOT_PERM);
-    *g = {};
-    return 0;
+    return on_group(SIM_OP_HI_MPI_VPSS_DestroyGrp, grp, k_no_chn, 0, [](sim_vpss_grp& g) {
+        if (g.started)
+            return hi_err(k_mod, HI_ERR_NOT_PERM);
+        g = {};
+        return 0;
+    });
 }
 
 int32_t HI_MPI_VPSS_StartGrp(int32_t grp)
 {
-    if (int32_t r = sim_fail(SIM_OP_HI_MPI_VPSS_StartGrp))
-        return r;
-    if (!grp_valid(grp))
-        return hi_err(k_mod, HI_ERR_INVALID_DEVID);
-    if (int32_t r = sim_media_ready(k_mod))
-        return r;
-    media_access m;
-    int32_t err = 0;
-    sim_vpss_grp* g = existing(*m, grp, &err);
-    if (g == nullptr)
-        return err;
-    g->started = true;
-    return 0;
+    return on_group(SIM_OP_HI_MPI_VPSS_StartGrp, grp, k_no_chn, 0, [](sim_vpss_grp& g) {
+        g.started = true;
+        return 0;
+    });
 }
 
 int32_t HI_MPI_VPSS_StopGrp(int32_t grp)
 {
-    if (int32_t r = sim_fail(SIM_OP_HI_MPI_VPSS_StopGrp))
-        return r;
-    if (!grp_valid(grp))
-        return hi_err(k_mod, HI_ERR_INVALID_DEVID);
-    if (int32_t r = sim_media_ready(k_mod))
-        return r;
-    media_access m;
-    int32_t err = 0;
-    sim_vpss_grp* g = existing(*m, grp, &err);
-    if (g == nullptr)
-        return err;
-    g->started = false;
-    return 0;
+    return on_group(SIM_OP_HI_MPI_VPSS_StopGrp, grp, k_no_chn, 0, [](sim_vpss_grp& g) {
+        g.started = false;
+        return 0;
+    });
 }
 
 int32_t HI_MPI_VPSS_GetGrpParam(int32_t grp, vpss_grp_param_t* param)
 {
-    if (int32_t r = sim_fail(SIM_OP_HI_MPI_VPSS_GetGrpParam))
-        return r;
-    if (!grp_valid(grp))
-        return hi_err(k_mod, HI_ERR_INVALID_DEVID);
-    if (param == nullptr)
-        return hi_err(k_mod, HI_ERR_NULL_PTR);
-    if (int32_t r = sim_media_ready(k_mod))
-        return r;
-    media_access m;
-    int32_t err = 0;
-    sim_vpss_grp* g = existing(*m, grp, &err);
-    if (g == nullptr)
-        return err;
-    *param = g->param;
-    return 0;
+    int32_t err = param == nullptr ? hi_err(k_mod, HI_ERR_NULL_PTR) : 0;
+    return on_group(SIM_OP_HI_MPI_VPSS_GetGrpParam, grp, k_no_chn, err, [param](sim_vpss_grp& g) {
+        *param = g.param;
+        return 0;
+    });
 }
 
 int32_t HI_MPI_VPSS_SetGrpParam(int32_t grp, const vpss_grp_param_t* param)
 {
-    if (int32_t r = sim_fail(SIM_OP_HI_MPI_VPSS_SetGrpParam))
-        return r;
-    if (!grp_valid(grp))
-        return hi_err(k_mod, HI_ERR_INVALID_DEVID);
-    if (param == nullptr)
-        return hi_err(k_mod, HI_ERR_NULL_PTR);
-    if (!grp_param_valid(*param))
-        return hi_err(k_mod, HI_ERR_ILLEGAL_PARAM);
-    if (int32_t r = sim_media_ready(k_mod))
-        return r;
-    media_access m;
-    int32_t err = 0;
-    sim_vpss_grp* g = existing(*m, grp, &err);
-    if (g == nullptr)
-        return err;
-    g->param = *param;
-    return 0;
+    int32_t err = arg_error(param, grp_param_valid);
+    return on_group(SIM_OP_HI_MPI_VPSS_SetGrpParam, grp, k_no_chn, err, [param](sim_vpss_grp& g) {
+        g.param = *param;
+        return 0;
+    });
 }
 
 int32_t HI_MPI_VPSS_SetChnAttr(int32_t grp, int32_t chn, const vpss_chn_attr_t* attr)
 {
-    if (int32_t r = sim_fail(SIM_OP_HI_MPI_VPSS_SetChnAttr))
-        return r;
-    if (!grp_valid(grp))
-        return hi_err(k_mod, HI_ERR_INVALID_DEVID);
-    if (!chn_valid(chn))
-        return hi_err(k_mod, HI_ERR_INVALID_CHNID);
-    if (attr == nullptr)
-        return hi_err(k_mod, HI_ERR_NULL_PTR);
-    if (!chn_attr_valid(*attr))
-        return hi_err(k_mod, HI_ERR_ILLEGAL_PARAM);
-    if (int32_t r = sim_media_ready(k_mod))
-        return r;
-    media_access m;
-    int32_t err = 0;
-    sim_vpss_grp* g = existing(*m, grp, &err);
-    if (g == nullptr)
-        return err;
-    g->chn[chn].attr = *attr;
-    g->chn[chn].attr_set = true;
-    return 0;
+    int32_t err = arg_error(attr, chn_attr_valid);
+    return on_group(SIM_OP_HI_MPI_VPSS_SetChnAttr, grp, chn, err, [chn, attr](sim_vpss_grp& g) {
+        g.chn[chn].attr = *attr;
+        g.chn[chn].attr_set = true;
+        return 0;
+    });
 }
 
 int32_t HI_MPI_VPSS_EnableChn(int32_t grp, int32_t chn)
 {
-    if (int32_t r = sim_fail(SIM_OP_HI_MPI_VPSS_EnableChn))
-        return r;
-    if (!grp_valid(grp))
-        return hi_err(k_mod, HI_ERR_INVALID_DEVID);
-    if (!chn_valid(chn))
-        return hi_err(k_mod, HI_ERR_INVALID_CHNID);
-    if (int32_t r = sim_media_ready(k_mod))
-        return r;
-    media_access m;
-    int32_t err = 0;
-    sim_vpss_grp* g = existing(*m, grp, &err);
-    if (g == nullptr)
-        return err;
-    if (!g->chn[chn].attr_set)
-        return hi_err(k_mod, HI_ERR_NOT_CONFIG);
-    g->chn[chn].enabled = true;
-    return 0;
+    return on_group(SIM_OP_HI_MPI_VPSS_EnableChn, grp, chn, 0, [chn](sim_vpss_grp& g) {
+        if (!g.chn[chn].attr_set)
+            return hi_err(k_mod, HI_ERR_NOT_CONFIG);
+        g.chn[chn].enabled = true;
+        return 0;
+    });
 }
 
 int32_t HI_MPI_VPSS_DisableChn(int32_t grp, int32_t chn)
 {
-    if (int32_t r = sim_fail(SIM_OP_HI_MPI_VPSS_DisableChn))
-        return r;
-    if (!grp_valid(grp))
-        return hi_err(k_mod, HI_ERR_INVALID_DEVID);
-    if (!chn_valid(chn))
-        return hi_err(k_mod, HI_ERR_INVALID_CHNID);
-    if (int32_t r = sim_media_ready(k_mod))
-        return r;
-    media_access m;
-    int32_t err = 0;
-    sim_vpss_grp* g = existing(*m, grp, &err);
-    if (g == nullptr)
-        return err;
-    g->chn[chn].enabled = false;
-    return 0;
+    return on_group(SIM_OP_HI_MPI_VPSS_DisableChn, grp, chn, 0, [chn](sim_vpss_grp& g) {
+        g.chn[chn].enabled = false;
+        return 0;
+    });
 }
