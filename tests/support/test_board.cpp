@@ -1,27 +1,19 @@
 #include "tests/support/test_board.h"
 
-#include <sys/stat.h>
-#include <unistd.h>
+#include <sys/msg.h>
 
-#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 
-#include "platform/sim/board.h"
-
 temp_board_dir::temp_board_dir()
 {
-    const char* tmp = std::getenv("TMPDIR");
-    std::string templ = std::string(tmp && tmp[0] ? tmp : "/tmp") + "/tarvo-test-XXXXXX";
-    std::vector<char> buf(templ.begin(), templ.end());
-    buf.push_back('\0');
-    if (mkdtemp(buf.data()) == nullptr) {
+    std::string templ = (std::filesystem::temp_directory_path() / "tarvo-test-XXXXXX").string();
+    if (mkdtemp(templ.data()) != nullptr)
+        path_ = templ;
+    else
         ADD_FAILURE() << "mkdtemp failed";
-        return;
-    }
-    path_ = buf.data();
 }
 
 temp_board_dir::~temp_board_dir()
@@ -33,27 +25,11 @@ temp_board_dir::~temp_board_dir()
     std::filesystem::remove_all(path_, ec);
 }
 
-void board_test::SetUp()
-{
-    std::string err;
-    ASSERT_EQ(sim_board_open(board_.path().c_str(), chip_, "", &err), 0) << err;
-}
-
-void board_test::TearDown()
-{
-    sim_board_close();
-}
-
 void board_test::reopen(const char* fail_rules, int chip)
 {
     chip_ = chip;
     std::string err;
     ASSERT_EQ(sim_board_open(board_.path().c_str(), chip_, fail_rules, &err), 0) << err;
-}
-
-std::string board_test::chip_file(const std::string& rel) const
-{
-    return board_.path() + "/chip" + std::to_string(chip_) + "/" + rel;
 }
 
 std::string read_file(const std::string& path)
@@ -73,35 +49,18 @@ std::vector<std::string> read_lines(const std::string& path)
     return lines;
 }
 
-bool file_exists(const std::string& path)
+int queued(int msgid)
 {
-    struct stat st;
-    return stat(path.c_str(), &st) == 0;
+    struct msqid_ds ds{};
+    return msgctl(msgid, IPC_STAT, &ds) == 0 ? static_cast<int>(ds.msg_qnum) : -1;
 }
 
-stdout_capture::stdout_capture()
+long host_key(const std::string& msgq, unsigned key)
 {
-    std::fflush(stdout);
-    testing::internal::CaptureStdout();
-}
-
-stdout_capture::~stdout_capture()
-{
-    text();
-}
-
-std::string stdout_capture::text()
-{
-    if (active_) {
-        std::fflush(stdout);
-        text_ = testing::internal::GetCapturedStdout();
-        active_ = false;
+    for (const std::string& line : read_lines(msgq)) {
+        unsigned k = 0, h = 0;
+        if (std::sscanf(line.c_str(), "%x %x", &k, &h) == 2 && k == key)
+            return h;
     }
-    return text_;
-}
-
-void stdout_to_stderr()
-{
-    std::fflush(stdout);
-    dup2(STDERR_FILENO, STDOUT_FILENO);
+    return -1;
 }

@@ -3,11 +3,15 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include <cstdio>
 #include <string>
 #include <vector>
 
-// A fresh, empty directory under $TMPDIR (or /tmp), removed with its
+#include "platform/sim/board.h"
+
+// A fresh, empty directory under the temporary directory, removed with its
 // content and its message queues when the object goes.
 class temp_board_dir {
 public:
@@ -26,13 +30,16 @@ private:
 // Fixture: a temporary board opened as chip 1 for this process.
 class board_test : public ::testing::Test {
 protected:
-    void SetUp() override;
-    void TearDown() override;
+    void SetUp() override { reopen(""); }
+    void TearDown() override { sim_board_close(); }
 
     // Reopens the board with fault rules (TARVO_SIM_FAIL syntax).
     void reopen(const char* fail_rules, int chip = 1);
 
-    std::string chip_file(const std::string& rel) const;
+    std::string chip_file(const std::string& rel) const
+    {
+        return board_.file("chip" + std::to_string(chip_) + "/" + rel);
+    }
 
     temp_board_dir board_;
     int chip_ = 1;
@@ -40,15 +47,33 @@ protected:
 
 std::string read_file(const std::string& path);
 std::vector<std::string> read_lines(const std::string& path);
-bool file_exists(const std::string& path);
+inline bool file_exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
+
+// Messages waiting on a host queue; -1 when there is no such queue.
+int queued(int msgid);
+// The host key that a chip's msgq file maps a system key to; -1 when none.
+long host_key(const std::string& msgq, unsigned key);
 
 // Captures standard output of this process (traces, cal_log) while alive.
 class stdout_capture {
 public:
-    stdout_capture();
-    ~stdout_capture();
+    stdout_capture()
+    {
+        std::fflush(stdout);
+        testing::internal::CaptureStdout();
+    }
+    ~stdout_capture() { text(); }
+
     // Stops capturing (once) and returns everything written meanwhile.
-    std::string text();
+    std::string text()
+    {
+        if (active_) {
+            std::fflush(stdout);
+            text_ = testing::internal::GetCapturedStdout();
+            active_ = false;
+        }
+        return text_;
+    }
 
 private:
     bool active_ = true;
@@ -57,13 +82,11 @@ private:
 
 // Points standard output at standard error, so that a death test sees the
 // process's console lines (cal_log writes to standard output).
-void stdout_to_stderr();
+inline void stdout_to_stderr()
+{
+    std::fflush(stdout);
+    dup2(STDERR_FILENO, STDOUT_FILENO);
+}
 
 // The statement must log the fatal message at level 3 and abort.
-#define EXPECT_FATAL(statement, message)                      \
-    EXPECT_DEATH(                                             \
-        {                                                     \
-            stdout_to_stderr();                               \
-            statement;                                        \
-        },                                                    \
-        "ERROR!! " message)
+#define EXPECT_FATAL(statement, message) EXPECT_DEATH({ stdout_to_stderr(); statement; }, "ERROR!! " message)
