@@ -7,10 +7,8 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 
 namespace {
 
@@ -26,14 +24,15 @@ bool wait_in(int fd, int timeout_ms)
 
 fake_master::fake_master(const std::string& board_dir) : sock_path_(board_dir + "/chip0.sock")
 {
-    mem_fd_ = open((board_dir + "/chip0.mem").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+    int fd = open((board_dir + "/chip0.mem").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
     void* p = MAP_FAILED;
-    if (mem_fd_ >= 0 && ftruncate(mem_fd_, 256 << 20) == 0)
-        p = mmap(nullptr, k_mapped, PROT_READ | PROT_WRITE, MAP_SHARED, mem_fd_, 0);
+    if (fd >= 0 && ftruncate(fd, 256 << 20) == 0)
+        p = mmap(nullptr, k_mapped, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
     if (p == MAP_FAILED) {
         std::perror("fake_master: chip0.mem");
         std::abort();
     }
+    close(fd);  // the mapping stays
     mem_ = static_cast<unsigned char*>(p);
     listen_now();
 }
@@ -42,7 +41,6 @@ fake_master::~fake_master()
 {
     close_all();
     munmap(mem_, k_mapped);
-    close(mem_fd_);
 }
 
 void fake_master::listen_now()
@@ -88,28 +86,28 @@ void fake_master::accept_pending()
             close(fd);  // a reachability probe: no hello
             continue;
         }
-        hellos_.push_back({h[0], static_cast<int>(h[1]), static_cast<int>(h[2])});
-        if (h[2] == 1000) {
+        int port = static_cast<int>(h[2]);
+        hellos_.push_back({h[0], static_cast<int>(h[1]), port});
+        if (port == 1000) {
             close(fd);
             continue;
         }
-        if (conns_.count(static_cast<int>(h[2])))
-            close(conns_[static_cast<int>(h[2])]);
-        conns_[static_cast<int>(h[2])] = fd;
+        if (auto old = conns_.find(port); old != conns_.end())
+            close(old->second);
+        conns_[port] = fd;
     }
 }
 
 int fake_master::conn(int port, int timeout_ms)
 {
-    auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
-    for (;;) {
+    for (int waited = 0;; ++waited) {
         accept_pending();
         {
             std::lock_guard lock(mutex_);
-            if (conns_.count(port))
-                return conns_[port];
+            if (auto c = conns_.find(port); c != conns_.end())
+                return c->second;
         }
-        if (std::chrono::steady_clock::now() >= end)
+        if (waited >= timeout_ms)
             return -1;
         usleep(1000);
     }

@@ -1,8 +1,6 @@
-// A minimal master for in-process tests and benchmarks, written from the
-// board contract with raw sockets: it listens on <board>/chip0.sock, takes
-// each port connection by its 12-byte hello, and owns chip0.mem, whose first
-// 16 MiB it maps. Connections are accepted only when a call asks for one,
-// so a test sees the order in which they reached the listening socket.
+// A minimal master for in-process tests and benchmarks, on raw sockets: it
+// listens on <board>/chip0.sock, takes each port connection by its 12-byte
+// hello when a call asks for one, and maps the first 16 MiB of chip0.mem.
 #pragma once
 
 #include <atomic>
@@ -25,14 +23,11 @@ public:
     explicit fake_master(const std::string& board_dir);
     ~fake_master();
 
-    // Closes the listening socket and every connection (stopping echoes),
-    // then listens again: a master restart as the slave sees it.
+    // Closes the listening socket and every connection, then listens again.
     void restart();
-    // Accepts what waits on the listening socket, reading each hello;
-    // handshake connections (port 1000) are recorded and closed.
+    // Accepts what waits, reading each hello; a handshake (port 1000) is
+    // recorded and closed.
     void accept_pending();
-    // The connection of a port, accepting as they arrive; -1 after the limit.
-    int conn(int port, int timeout_ms = 5000);
     std::vector<hello_t> hellos();
 
     bool readable(int port, int timeout_ms);
@@ -49,10 +44,11 @@ public:
 private:
     void listen_now();
     void close_all();
+    // The connection of a port, accepting as they arrive; -1 after the limit.
+    int conn(int port, int timeout_ms = 5000);
 
     std::string sock_path_;
     int listen_fd_ = -1;
-    int mem_fd_ = -1;
     unsigned char* mem_ = nullptr;
     std::mutex mutex_;
     std::map<int, int> conns_;  // port -> connection

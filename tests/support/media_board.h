@@ -1,11 +1,9 @@
-// Test support for the media families and the bring-up: a board whose
-// media system is initialised as start-up leaves it, and trace helpers.
+// Test support for the media families and the bring-up.
 #pragma once
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <fstream>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -20,40 +18,22 @@ inline bool operator==(const mpp_chn_t& a, const mpp_chn_t& b)
     return sim_same_chn(a, b);
 }
 
+// A board whose media system is initialised as start-up leaves it, with a
+// core (no modules) for eight cameras for the bring-up.
 class media_board_test : public board_test {
 protected:
-    void SetUp() override
-    {
-        board_test::SetUp();
-        init_media_system();
-    }
+    void SetUp() override { reopen_media(""); }
 
     // Reopens the board with fault rules, then initialises the media system.
     void reopen_media(const char* fail_rules)
     {
         reopen(fail_rules);
-        init_media_system();
-    }
-
-    void write_board_conf(const std::string& text) { std::ofstream(board_.file("board.conf")) << text; }
-
-    static void init_media_system()
-    {
         vb_conf_t vb{};
         vb.max_pool_cnt = 1;
         vb.comm_pool[0] = {4096, 4, ""};
         mpp_sys_conf_t sys{64};
         ASSERT_TRUE(HI_MPI_VB_SetConf(&vb) == 0 && HI_MPI_VB_Init() == 0 && HI_MPI_SYS_SetConf(&sys) == 0 &&
                     HI_MPI_SYS_Init() == 0);
-    }
-};
-
-// A board ready for the bring-up, with a core (no modules) for 8 cameras.
-class chip_board_test : public media_board_test {
-protected:
-    void SetUp() override
-    {
-        media_board_test::SetUp();
         cal_.size = sizeof(cal_t);
         cal_.slave_cam = 8;
     }
