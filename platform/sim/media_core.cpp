@@ -97,6 +97,15 @@ int32_t sim_media_ready(int32_t module)
     return sim_sys_initialised() ? 0 : hi_err(module, HI_ERR_SYS_NOTREADY);
 }
 
+int32_t sim_media_op(sim_op op, int32_t module, bool id_valid, uint32_t id_err)
+{
+    if (int32_t r = sim_fail(op))
+        return r;
+    if (!id_valid)
+        return hi_err(module, id_err);
+    return sim_media_ready(module);
+}
+
 int64_t sim_media_now_us()
 {
     struct timespec ts;

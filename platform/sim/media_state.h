@@ -6,6 +6,7 @@
 #include <mutex>
 #include <vector>
 
+#include "platform/sim/fault.h"
 #include "platform/sim/media_core.h"
 
 struct sim_media {
@@ -37,6 +38,11 @@ private:
 // HI_ERR_SYS_NOTREADY). Takes the system family's own lock, so it is called
 // before the core is taken.
 int32_t sim_media_ready(int32_t module);
+
+// The entry every family operation on one device, group or channel makes,
+// in the hardware's order: an injected fault, the id's range (id_err when it
+// is out of range), then the media system being up. 0 when all pass.
+int32_t sim_media_op(sim_op op, int32_t module, bool id_valid, uint32_t id_err);
 
 // Host monotonic time in microseconds.
 int64_t sim_media_now_us();

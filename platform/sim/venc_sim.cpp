@@ -3,7 +3,6 @@
 // order the hardware insists on: stop receiving, unregister, destroy the
 // channel, destroy the group.
 #include "platform/hi_mpi_venc.h"
-#include "platform/sim/fault.h"
 #include "platform/sim/media_state.h"
 
 namespace {
@@ -20,25 +19,11 @@ bool chn_valid(int32_t chn)
     return chn >= 0 && chn < VENC_MAX_CHN_NUM;
 }
 
-// Shared entry of the channel operations: the channel or an error.
-int32_t channel_op(sim_op op, int32_t chn)
-{
-    if (int32_t r = sim_fail(op))
-        return r;
-    if (!chn_valid(chn))
-        return hi_err(k_mod, HI_ERR_INVALID_CHNID);
-    return sim_media_ready(k_mod);
-}
-
 }  // namespace
 
 int32_t HI_MPI_VENC_CreateGroup(int32_t grp)
 {
-    if (int32_t r = sim_fail(SIM_OP_HI_MPI_VENC_CreateGroup))
-        return r;
-    if (!grp_valid(grp))
-        return hi_err(k_mod, HI_ERR_INVALID_DEVID);
-    if (int32_t r = sim_media_ready(k_mod))
+    if (int32_t r = sim_media_op(SIM_OP_HI_MPI_VENC_CreateGroup, k_mod, grp_valid(grp), HI_ERR_INVALID_DEVID))
         return r;
     media_access m;
     sim_venc_grp& g = m->venc_grp[grp];
@@ -50,11 +35,7 @@ int32_t HI_MPI_VENC_CreateGroup(int32_t grp)
 
 int32_t HI_MPI_VENC_DestroyGroup(int32_t grp)
 {
-    if (int32_t r = sim_fail(SIM_OP_HI_MPI_VENC_DestroyGroup))
-        return r;
-    if (!grp_valid(grp))
-        return hi_err(k_mod, HI_ERR_INVALID_DEVID);
-    if (int32_t r = sim_media_ready(k_mod))
+    if (int32_t r = sim_media_op(SIM_OP_HI_MPI_VENC_DestroyGroup, k_mod, grp_valid(grp), HI_ERR_INVALID_DEVID))
         return r;
     media_access m;
     sim_venc_grp& g = m->venc_grp[grp];
@@ -68,7 +49,7 @@ int32_t HI_MPI_VENC_DestroyGroup(int32_t grp)
 
 int32_t HI_MPI_VENC_StopRecvPic(int32_t chn)
 {
-    if (int32_t r = channel_op(SIM_OP_HI_MPI_VENC_StopRecvPic, chn))
+    if (int32_t r = sim_media_op(SIM_OP_HI_MPI_VENC_StopRecvPic, k_mod, chn_valid(chn), HI_ERR_INVALID_CHNID))
         return r;
     media_access m;
     sim_venc_chn& c = m->venc_chn[chn];
@@ -80,7 +61,7 @@ int32_t HI_MPI_VENC_StopRecvPic(int32_t chn)
 
 int32_t HI_MPI_VENC_UnRegisterChn(int32_t chn)
 {
-    if (int32_t r = channel_op(SIM_OP_HI_MPI_VENC_UnRegisterChn, chn))
+    if (int32_t r = sim_media_op(SIM_OP_HI_MPI_VENC_UnRegisterChn, k_mod, chn_valid(chn), HI_ERR_INVALID_CHNID))
         return r;
     media_access m;
     sim_venc_chn& c = m->venc_chn[chn];
@@ -95,7 +76,7 @@ int32_t HI_MPI_VENC_UnRegisterChn(int32_t chn)
 
 int32_t HI_MPI_VENC_DestroyChn(int32_t chn)
 {
-    if (int32_t r = channel_op(SIM_OP_HI_MPI_VENC_DestroyChn, chn))
+    if (int32_t r = sim_media_op(SIM_OP_HI_MPI_VENC_DestroyChn, k_mod, chn_valid(chn), HI_ERR_INVALID_CHNID))
         return r;
     media_access m;
     sim_venc_chn& c = m->venc_chn[chn];

@@ -6,7 +6,6 @@
 
 #include "platform/hi_mpi_vi.h"
 #include "platform/sim/board.h"
-#include "platform/sim/fault.h"
 #include "platform/sim/media_state.h"
 
 namespace {
@@ -115,16 +114,12 @@ double delivered_fps(const sim_media& m, int32_t chn)
 
 int32_t HI_MPI_VI_SetDevAttr(int32_t dev, const vi_dev_attr_t* attr)
 {
-    if (int32_t r = sim_fail(SIM_OP_HI_MPI_VI_SetDevAttr))
+    if (int32_t r = sim_media_op(SIM_OP_HI_MPI_VI_SetDevAttr, k_mod, dev_valid(dev), HI_ERR_INVALID_DEVID))
         return r;
-    if (!dev_valid(dev))
-        return hi_err(k_mod, HI_ERR_INVALID_DEVID);
     if (attr == nullptr)
         return hi_err(k_mod, HI_ERR_NULL_PTR);
     if (!dev_attr_valid(*attr))
         return hi_err(k_mod, HI_ERR_ILLEGAL_PARAM);
-    if (int32_t r = sim_media_ready(k_mod))
-        return r;
     media_access m;
     sim_vi_dev& d = m->vi_dev[dev];
     if (d.enabled)
@@ -136,11 +131,7 @@ int32_t HI_MPI_VI_SetDevAttr(int32_t dev, const vi_dev_attr_t* attr)
 
 int32_t HI_MPI_VI_EnableDev(int32_t dev)
 {
-    if (int32_t r = sim_fail(SIM_OP_HI_MPI_VI_EnableDev))
-        return r;
-    if (!dev_valid(dev))
-        return hi_err(k_mod, HI_ERR_INVALID_DEVID);
-    if (int32_t r = sim_media_ready(k_mod))
+    if (int32_t r = sim_media_op(SIM_OP_HI_MPI_VI_EnableDev, k_mod, dev_valid(dev), HI_ERR_INVALID_DEVID))
         return r;
     media_access m;
     sim_vi_dev& d = m->vi_dev[dev];
@@ -152,11 +143,7 @@ int32_t HI_MPI_VI_EnableDev(int32_t dev)
 
 int32_t HI_MPI_VI_DisableDev(int32_t dev)
 {
-    if (int32_t r = sim_fail(SIM_OP_HI_MPI_VI_DisableDev))
-        return r;
-    if (!dev_valid(dev))
-        return hi_err(k_mod, HI_ERR_INVALID_DEVID);
-    if (int32_t r = sim_media_ready(k_mod))
+    if (int32_t r = sim_media_op(SIM_OP_HI_MPI_VI_DisableDev, k_mod, dev_valid(dev), HI_ERR_INVALID_DEVID))
         return r;
     media_access m;
     if (dev_has_enabled_chn(*m, dev))
@@ -167,16 +154,12 @@ int32_t HI_MPI_VI_DisableDev(int32_t dev)
 
 int32_t HI_MPI_VI_SetChnAttr(int32_t chn, const vi_chn_attr_t* attr)
 {
-    if (int32_t r = sim_fail(SIM_OP_HI_MPI_VI_SetChnAttr))
+    if (int32_t r = sim_media_op(SIM_OP_HI_MPI_VI_SetChnAttr, k_mod, chn_valid(chn), HI_ERR_INVALID_CHNID))
         return r;
-    if (!chn_valid(chn))
-        return hi_err(k_mod, HI_ERR_INVALID_CHNID);
     if (attr == nullptr)
         return hi_err(k_mod, HI_ERR_NULL_PTR);
     if (!chn_attr_valid(*attr))
         return hi_err(k_mod, HI_ERR_ILLEGAL_PARAM);
-    if (int32_t r = sim_media_ready(k_mod))
-        return r;
     media_access m;
     sim_vi_chn& c = m->vi_chn[chn];
     if (c.enabled)
@@ -191,11 +174,7 @@ int32_t HI_MPI_VI_SetChnAttr(int32_t chn, const vi_chn_attr_t* attr)
 
 int32_t HI_MPI_VI_EnableChn(int32_t chn)
 {
-    if (int32_t r = sim_fail(SIM_OP_HI_MPI_VI_EnableChn))
-        return r;
-    if (!chn_valid(chn))
-        return hi_err(k_mod, HI_ERR_INVALID_CHNID);
-    if (int32_t r = sim_media_ready(k_mod))
+    if (int32_t r = sim_media_op(SIM_OP_HI_MPI_VI_EnableChn, k_mod, chn_valid(chn), HI_ERR_INVALID_CHNID))
         return r;
     media_access m;
     sim_vi_chn& c = m->vi_chn[chn];
@@ -212,11 +191,7 @@ int32_t HI_MPI_VI_EnableChn(int32_t chn)
 
 int32_t HI_MPI_VI_DisableChn(int32_t chn)
 {
-    if (int32_t r = sim_fail(SIM_OP_HI_MPI_VI_DisableChn))
-        return r;
-    if (!chn_valid(chn))
-        return hi_err(k_mod, HI_ERR_INVALID_CHNID);
-    if (int32_t r = sim_media_ready(k_mod))
+    if (int32_t r = sim_media_op(SIM_OP_HI_MPI_VI_DisableChn, k_mod, chn_valid(chn), HI_ERR_INVALID_CHNID))
         return r;
     media_access m;
     sim_vi_chn& c = m->vi_chn[chn];
@@ -227,11 +202,7 @@ int32_t HI_MPI_VI_DisableChn(int32_t chn)
 
 int32_t HI_MPI_VI_EnableChn422to420(int32_t chn)
 {
-    if (int32_t r = sim_fail(SIM_OP_HI_MPI_VI_EnableChn422to420))
-        return r;
-    if (!chn_valid(chn))
-        return hi_err(k_mod, HI_ERR_INVALID_CHNID);
-    if (int32_t r = sim_media_ready(k_mod))
+    if (int32_t r = sim_media_op(SIM_OP_HI_MPI_VI_EnableChn422to420, k_mod, chn_valid(chn), HI_ERR_INVALID_CHNID))
         return r;
     media_access m;
     sim_vi_chn& c = m->vi_chn[chn];
@@ -245,14 +216,10 @@ int32_t HI_MPI_VI_EnableChn422to420(int32_t chn)
 
 int32_t HI_MPI_VI_Query(int32_t chn, vi_chn_stat_t* stat)
 {
-    if (int32_t r = sim_fail(SIM_OP_HI_MPI_VI_Query))
+    if (int32_t r = sim_media_op(SIM_OP_HI_MPI_VI_Query, k_mod, chn_valid(chn), HI_ERR_INVALID_CHNID))
         return r;
-    if (!chn_valid(chn))
-        return hi_err(k_mod, HI_ERR_INVALID_CHNID);
     if (stat == nullptr)
         return hi_err(k_mod, HI_ERR_NULL_PTR);
-    if (int32_t r = sim_media_ready(k_mod))
-        return r;
     media_access m;
     const sim_vi_chn& c = m->vi_chn[chn];
     if (!c.enabled)
