@@ -38,6 +38,9 @@ protected:
         cal_->cam_base = 8;
         cal_->hsc = cal_hsc_new(cal_);
         ASSERT_NE(cal_->hsc, nullptr);
+        // The slave's ports are open on its side before the master has taken
+        // the connections in; a command sent earlier would find no port.
+        ASSERT_TRUE(master_->wait_for(1, [](const tmaster::slave_info& i) { return i.ports[0].open; }, WAIT));
         // The master gives its windows through the slave's command loop.
         std::thread loop([this] {
             hsc_msg_t msg;

@@ -2,6 +2,7 @@
 // last resort, restart, the registry and its dump, and damaged objects.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <pthread.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -49,16 +50,26 @@ int stubborn(void* p)
         ~mark() { j->finished = true; }
     } m{static_cast<job*>(p)};
     kel_thread_set_stable(m.j->dt, 1);
-    for (;;)
+    // The cancel is taken only between sleeps: under qemu-user a cancel
+    // taken inside the sleep unwinds through the emulator's signal frame,
+    // which it cannot, and ends the thread without running `m`'s destructor.
+    for (;;) {
+        pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
         usleep(1000);
+        pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, nullptr);
+        pthread_testcancel();
+    }
 }
 
 template <class Pred>
 bool wait_until(Pred pred)
 {
-    for (int i = 0; i < 20000 && !pred(); ++i)
+    for (int i = 0; i < 20000; ++i) {
+        if (pred())
+            return true;
         usleep(1000);
-    return pred();
+    }
+    return false;
 }
 
 class kel_thread_test : public board_test {
@@ -119,6 +130,7 @@ TEST_F(kel_thread_test, cooperative_stop_joins_keeps_the_result_and_the_object_s
     EXPECT_EQ(dt->result.load(), 42);
 
     // The stop's want_exit is cleared: the second run works until asked.
+    kel_thread_reset_heart(dt);
     ASSERT_EQ(kel_thread_start(dt, worker, &second), 0);
     ASSERT_TRUE(wait_until([&] { return kel_thread_heart(dt) > 0; }));
     EXPECT_FALSE(second.finished);
