@@ -2,16 +2,20 @@
 // port and reads the answer of a master that echoes it. The master is in the
 // same process on the same simulated board, so the figure is the message
 // driver's own cost (both directions of the relay, four socket hops).
+// Beside it, the host's own floor: a byte bounced between two threads over
+// two pipes, two wake-ups per round trip. The port figures read against it.
 #include <benchmark/benchmark.h>
 #include <stdlib.h>
+#include <unistd.h>
 
-#include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <thread>
 #include <filesystem>
 #include <string>
 #include <vector>
 
+#include "bench/rtt_report.h"
 #include "msg/cal_hsc.h"
 #include "platform/sim/board.h"
 #include "tests/support/fake_master.h"
@@ -54,15 +58,40 @@ void BM_port_round_trip(benchmark::State& state)
     std::error_code ec;
     std::filesystem::remove_all(dir, ec);
 
-    std::sort(rtt_us.begin(), rtt_us.end());
-    double median = rtt_us[rtt_us.size() / 2];
-    double p99 = rtt_us[rtt_us.size() * 99 / 100];
-    state.counters["median_us"] = median;
-    state.counters["p99_us"] = p99;
-    std::printf("port round trip over %zu messages: median %.1f us, 99th percentile %.1f us\n", rtt_us.size(),
-                median, p99);
+    report_rtt(state, rtt_us, "port round trip", "messages");
 }
 BENCHMARK(BM_port_round_trip)->Iterations(k_round_trips)->Unit(benchmark::kMicrosecond);
+
+void BM_host_wakeup_round_trip(benchmark::State& state)
+{
+    int there[2], back[2];
+    if (pipe(there) != 0 || pipe(back) != 0) {
+        state.SkipWithError("no pipes");
+        return;
+    }
+    std::thread echo([&] {
+        char c;
+        while (read(there[0], &c, 1) == 1 && write(back[1], &c, 1) == 1) {
+        }
+    });
+    std::vector<double> rtt_us;
+    rtt_us.reserve(k_round_trips);
+    char c = 'x';
+    for (auto _ : state) {
+        auto t0 = std::chrono::steady_clock::now();
+        if (write(there[1], &c, 1) != 1 || read(back[0], &c, 1) != 1) {
+            state.SkipWithError("pipe failed");
+            break;
+        }
+        rtt_us.push_back(std::chrono::duration<double, std::micro>(std::chrono::steady_clock::now() - t0).count());
+    }
+    close(there[1]);  // ends the echo thread
+    echo.join();
+    for (int fd : {there[0], back[0], back[1]})
+        close(fd);
+    report_rtt(state, rtt_us, "host thread wake-up round trip", "bytes");
+}
+BENCHMARK(BM_host_wakeup_round_trip)->Iterations(k_round_trips)->Unit(benchmark::kMicrosecond);
 
 }  // namespace
 

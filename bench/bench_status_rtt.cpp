@@ -6,13 +6,12 @@
 #include <benchmark/benchmark.h>
 #include <stdlib.h>
 
-#include <algorithm>
 #include <chrono>
-#include <cstdio>
 #include <filesystem>
 #include <memory>
 #include <vector>
 
+#include "bench/rtt_report.h"
 #include "master/master.h"
 
 namespace {
@@ -53,16 +52,7 @@ void BM_status_round_trip(benchmark::State& state)
     }
     std::error_code ec;
     std::filesystem::remove_all(dir, ec);
-    if (rtt_us.empty())
-        return;
-
-    std::sort(rtt_us.begin(), rtt_us.end());
-    double median = rtt_us[rtt_us.size() / 2];
-    double p99 = rtt_us[rtt_us.size() * 99 / 100];
-    state.counters["median_us"] = median;
-    state.counters["p99_us"] = p99;
-    std::printf("HSCC_CAL_GetStatus round trip over %zu queries: median %.1f us, 99th percentile %.1f us\n",
-                rtt_us.size(), median, p99);
+    report_rtt(state, rtt_us, "HSCC_CAL_GetStatus round trip", "queries");
 }
 BENCHMARK(BM_status_round_trip)->Iterations(k_queries)->Unit(benchmark::kMicrosecond);
 
