@@ -265,7 +265,12 @@ int os_settimeofday(const struct timeval* tv)
         errno = code;
         return -1;
     }
-    if (tv == nullptr || tv->tv_usec < 0 || tv->tv_usec >= 1000000) {
+    // Like the kernel, refuse what the clock cannot hold: here, times before
+    // the epoch or after the year 9999, which keeps the offset arithmetic
+    // far from overflow.
+    constexpr int64_t k_max_sec = 253402300799;  // 9999-12-31 23:59:59 UTC
+    if (tv == nullptr || tv->tv_usec < 0 || tv->tv_usec >= 1000000 || tv->tv_sec < 0 ||
+        static_cast<int64_t>(tv->tv_sec) > k_max_sec) {
         errno = EINVAL;
         return -1;
     }
@@ -313,6 +318,10 @@ void os_syslog(int priority, const char* line)
 
 int os_write_etc_tz(const char* tz)
 {
+    if (int32_t code = sim_fail(SIM_OP_write_etc_tz)) {
+        errno = code;
+        return -1;
+    }
     std::string content = tz;
     content += '\n';
     return replace_file(sim_chip_path("etc/TZ"), content);

@@ -180,7 +180,8 @@ int32_t HI_MPI_SYS_GetCurPts(uint64_t* pts)
         return r;
     if (pts == nullptr)
         return hi_err(HI_ID_SYS, HI_ERR_NULL_PTR);
-    *pts = static_cast<uint64_t>(monotonic_us() + g_pts_offset_us.load());
+    // Unsigned: any 64-bit base the master sets wraps rather than overflows.
+    *pts = static_cast<uint64_t>(monotonic_us()) + static_cast<uint64_t>(g_pts_offset_us.load());
     return 0;
 }
 
@@ -188,7 +189,7 @@ int32_t HI_MPI_SYS_InitPtsBase(uint64_t pts)
 {
     if (int32_t r = sim_fail(SIM_OP_HI_MPI_SYS_InitPtsBase))
         return r;
-    g_pts_offset_us = static_cast<int64_t>(pts) - monotonic_us();
+    g_pts_offset_us = static_cast<int64_t>(pts - static_cast<uint64_t>(monotonic_us()));
     return 0;
 }
 
@@ -196,7 +197,7 @@ int32_t HI_MPI_SYS_SyncPts(uint64_t pts)
 {
     if (int32_t r = sim_fail(SIM_OP_HI_MPI_SYS_SyncPts))
         return r;
-    g_pts_offset_us = static_cast<int64_t>(pts) - monotonic_us();
+    g_pts_offset_us = static_cast<int64_t>(pts - static_cast<uint64_t>(monotonic_us()));
     return 0;
 }
 

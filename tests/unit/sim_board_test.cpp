@@ -11,7 +11,9 @@
 #include <cerrno>
 #include <cstdlib>
 #include <fstream>
+#include <limits>
 #include <string>
+#include <vector>
 
 #include "platform/os.h"
 #include "platform/sim/board.h"
@@ -72,9 +74,13 @@ TEST_F(sim_board_test, the_clock_is_an_offset_kept_in_the_chips_file)
     // refused and changes nothing.
     reopen("");
     EXPECT_NEAR(static_cast<double>(os_time(nullptr)), 2114380800.0, 2.0);
-    struct timeval bad{0, 1000000};
-    EXPECT_EQ(os_settimeofday(&bad), -1);
-    EXPECT_EQ(errno, EINVAL);
+    std::vector<struct timeval> bad{{0, 1000000}, {-1, 0}};
+    if constexpr (sizeof(time_t) == 8)
+        bad.push_back({std::numeric_limits<time_t>::max(), 0});  // from a master's 64-bit microseconds
+    for (const struct timeval& tv : bad) {
+        EXPECT_EQ(os_settimeofday(&tv), -1) << tv.tv_sec;
+        EXPECT_EQ(errno, EINVAL);
+    }
     EXPECT_EQ(read_file(chip_file("clock")), offset);
 }
 
