@@ -48,14 +48,21 @@ struct encn_batch {
         total += NBUF_DESC_WIRE_SIZE + static_cast<int>(desc.len);
     }
 
-    // One transfer of the whole batch. A refused transfer sent nothing and
-    // left the blocks here: they are released and the frames are lost.
+    // One transfer of the whole batch. The transfer frees the blocks as it
+    // copies them, so the batch forgets them first: a cancel while it waits
+    // for the master must not free them again. A refused transfer sent
+    // nothing and left the blocks here: they are released and the frames
+    // are lost.
     void hand_over(cal_t* cal)
     {
-        if (cal_hsc_send_nbuf(cal, streams, descs, count, total) != 0)
-            release();
+        const int n = count;
+        const int bytes = total;
         count = 0;
         total = 0;
+        if (cal_hsc_send_nbuf(cal, streams, descs, n, bytes) != 0) {
+            count = n;
+            release();
+        }
     }
 };
 
@@ -147,8 +154,10 @@ int tx_encn_thread(void* arg)
                 break;
             }
             if (msg.type == MSG_CMD_ENC_DATA) {
+                // A frame too big even for an empty batch goes alone.
                 if (batch.count == TX_ENCN_MAX_FRAMES ||
-                    static_cast<int64_t>(batch.total) + msg.encn.desc.len > TX_ENCN_MAX_BYTES)
+                    (batch.count > 0 &&
+                     static_cast<int64_t>(batch.total) + msg.encn.desc.len > TX_ENCN_MAX_BYTES))
                     batch.hand_over(cal);
                 batch.append(msg.encn.stream, msg.encn.desc);
             }

@@ -7,6 +7,7 @@
 #include <sys/msg.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstring>
 #include <functional>
@@ -167,7 +168,8 @@ TEST_F(cal_tx_test, waiting_network_frames_go_128_then_2_byte_exact_with_their_s
         EXPECT_EQ(u32(w + off + 20), 100u + static_cast<uint32_t>(k));
         EXPECT_EQ(w[off + 17], 1);
         EXPECT_EQ(w[off + 18], 2);
-        EXPECT_EQ(w[off + 28], static_cast<unsigned char>(k));
+        const unsigned char* data = w + off + 28;
+        EXPECT_TRUE(std::all_of(data, data + 100 + k, [&](unsigned char b) { return b == k; })) << k;
         off += 28 + 100 + static_cast<uint32_t>(k);
     }
     EXPECT_EQ(u32(notes[1].data() + 20), off);
@@ -207,6 +209,23 @@ TEST_F(cal_tx_test, a_stop_frees_the_frames_gathered_in_the_batch)
     ASSERT_TRUE(eventually([&] { return kel_thread_running(cal_->thread_encn) == 0; }));
     EXPECT_EQ(nbuf_get_cnt(), 0);
     EXPECT_FALSE(master_->readable(MSGPORT_ENCN, 50));
+}
+
+TEST_F(cal_tx_test, a_thread_cancelled_while_the_master_keeps_its_answer_frees_nothing_twice)
+{
+    set_windows();
+    ASSERT_EQ(cal_notify_nbuf(cal_, 0, frame(10, 'x'), 0), 0);
+    ASSERT_EQ(cal_notify_nbuf(cal_, 1, frame(10, 'y'), 0), 0);
+    start();
+    ASSERT_EQ(u32(master_->recv_msg(MSGPORT_ENCN).data() + 24), 2u);
+    // No answer comes: the stop gives up after 2 s and cancels the thread in
+    // its wait. The frames went with the transfer; the batch is empty.
+    kel_thread_notify_stop(cal_->thread_encr);
+    tx_msg_t wake{};
+    wake.type = 1;
+    os_msgsnd(cal_->msgid_encr, &wake, TX_MSG_BODY_SIZE, 0);
+    EXPECT_EQ(cal_stop(cal_), 1);  // the record thread ended, the network thread was cancelled
+    EXPECT_TRUE(eventually([&] { return nbuf_get_cnt() == 0; }));
 }
 
 TEST_F(cal_tx_test, before_the_windows_are_set_everything_posted_is_freed_and_nothing_is_sent)
