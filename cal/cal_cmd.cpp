@@ -247,40 +247,69 @@ int row_avc_res(cal_t* cal, hsc_msg_t* msg)
     return 0;
 }
 
+// The module a row's handlers belong to; CORE rows run in the process now.
+enum cmd_module { CORE, VOUT, VIN, ENC, DEC };
+
 struct cmd_row {
     uint32_t code;
     uint32_t last;     // last code of a range of codes with one handler
     uint32_t min_len;  // payload bytes the row reads from the request
+    cmd_module module;
+    bool result_zero;  // answered 0 whatever the handler says
     int (*run)(cal_t* cal, hsc_msg_t* msg);
 };
 
 // Every command the process knows. A request shorter than what its row
-// reads is refused (-1) without calling anything.
+// reads runs nothing: it is refused (-1) where the handler's result would
+// be the answer, and answered 0 where the answer is always 0 or the row's
+// module is not in the process yet.
 constexpr cmd_row k_rows[] = {
-    {HSCC_CAL_SetDmaInfo, HSCC_CAL_SetDmaInfo, sizeof(hsc_dma_info_t), row_set_dma_info},
-    {HSCC_CAL_SetTz, HSCC_CAL_SetTz, 1, row_set_tz},
-    {HSCC_CAL_GetDmaInfo, HSCC_CAL_GetDmaInfo, 0, row_get_dma_info},
-    {HSCC_CAL_GetStatus, HSCC_CAL_GetStatus, 0, row_get_status},
-    {HSCC_CAL_SetLayout, HSCC_CAL_SetLayout, 4, row_set_layout},
-    {HSCC_CAL_SetZoom, HSCC_CAL_SetZoom, 32, row_set_zoom},
-    {HSCC_CAL_SetVincaps, HSCC_CAL_SetVincaps, 32, row_set_vincaps},
-    {HSCC_CAL_SetMd, HSCC_CAL_SetMd, 8, row_set_md},
-    {HSCC_CAL_SetVl, HSCC_CAL_SetVl, 4, row_set_vl},
-    {HSCC_CAL_SetTime, HSCC_CAL_SetTime, 8, row_set_time},
-    {HSCC_CAL_SetEncVideo, HSCC_CAL_SetEncVideo, 13, row_set_enc_video},
-    {HSCC_CAL_RunEncVideo, HSCC_CAL_RunEncVideo, 0, row_run_enc_video},
-    {HSCC_CAL_InitPcivVo, HSCC_CAL_InitPcivVo, 4, row_init_pciv_vo},
-    {HSCC_CAL_StartPcivVo, HSCC_CAL_StartPcivVo, 4, row_start_pciv_vo},
-    {HSCC_CAL_StopPcivVo, HSCC_CAL_StopPcivVo, 4, row_stop_pciv_vo},
-    {HSCC_CAL_SetPrivacy, HSCC_CAL_SetPrivacy, 0, row_set_privacy},
-    {HSCC_CAL_UpdatEncVideo, HSCC_CAL_UpdatEncVideo, 16, row_update_enc_video},
-    {HSCC_CAL_SetTimestamp, HSCC_CAL_SetTimestamp, 12, row_set_timestamp},
-    {HSCC_CAL_SetTimeFont, HSCC_CAL_SetTimeFont_Last, 0, row_set_time_font},
-    {HSCC_CAL_3531_decstart, HSCC_CAL_3531_decstart, 8, row_dec_start},
-    {HSCC_CAL_3531_flush, HSCC_CAL_3531_flush, 0, row_dec_flush},
-    {HSCC_CAL_3531_playjpg, HSCC_CAL_3531_playjpg, 4, row_play_jpg},
-    {HSCC_CAL_3531_avcres, HSCC_CAL_3531_avcres, 2, row_avc_res},
+    {HSCC_CAL_SetDmaInfo, HSCC_CAL_SetDmaInfo, sizeof(hsc_dma_info_t), CORE, false, row_set_dma_info},
+    {HSCC_CAL_SetTz, HSCC_CAL_SetTz, 1, CORE, true, row_set_tz},
+    {HSCC_CAL_GetDmaInfo, HSCC_CAL_GetDmaInfo, 0, CORE, false, row_get_dma_info},
+    {HSCC_CAL_GetStatus, HSCC_CAL_GetStatus, 0, CORE, true, row_get_status},
+    {HSCC_CAL_SetLayout, HSCC_CAL_SetLayout, 4, VOUT, false, row_set_layout},
+    {HSCC_CAL_SetZoom, HSCC_CAL_SetZoom, 32, VOUT, false, row_set_zoom},
+    {HSCC_CAL_SetVincaps, HSCC_CAL_SetVincaps, 32, VIN, false, row_set_vincaps},
+    {HSCC_CAL_SetMd, HSCC_CAL_SetMd, 8, VIN, false, row_set_md},
+    {HSCC_CAL_SetVl, HSCC_CAL_SetVl, 4, CORE, true, row_set_vl},
+    {HSCC_CAL_SetTime, HSCC_CAL_SetTime, 8, CORE, true, row_set_time},
+    {HSCC_CAL_SetEncVideo, HSCC_CAL_SetEncVideo, 13, ENC, false, row_set_enc_video},
+    {HSCC_CAL_RunEncVideo, HSCC_CAL_RunEncVideo, 0, ENC, false, row_run_enc_video},
+    {HSCC_CAL_InitPcivVo, HSCC_CAL_InitPcivVo, 4, VOUT, false, row_init_pciv_vo},
+    {HSCC_CAL_StartPcivVo, HSCC_CAL_StartPcivVo, 4, VOUT, false, row_start_pciv_vo},
+    {HSCC_CAL_StopPcivVo, HSCC_CAL_StopPcivVo, 4, VOUT, false, row_stop_pciv_vo},
+    {HSCC_CAL_SetPrivacy, HSCC_CAL_SetPrivacy, 0, VIN, false, row_set_privacy},
+    {HSCC_CAL_UpdatEncVideo, HSCC_CAL_UpdatEncVideo, 16, ENC, false, row_update_enc_video},
+    {HSCC_CAL_SetTimestamp, HSCC_CAL_SetTimestamp, 12, ENC, false, row_set_timestamp},
+    {HSCC_CAL_SetTimeFont, HSCC_CAL_SetTimeFont_Last, 0, ENC, true, row_set_time_font},
+    {HSCC_CAL_3531_decstart, HSCC_CAL_3531_decstart, 8, DEC, true, row_dec_start},
+    {HSCC_CAL_3531_flush, HSCC_CAL_3531_flush, 0, DEC, true, row_dec_flush},
+    {HSCC_CAL_3531_playjpg, HSCC_CAL_3531_playjpg, 4, ENC, true, row_play_jpg},
+    {HSCC_CAL_3531_avcres, HSCC_CAL_3531_avcres, 2, ENC, true, row_avc_res},
 };
+
+// Whether a module has joined: every handler of it is in the table.
+bool module_present(cmd_module m)
+{
+    const auto& h = cal_cmd_handlers;
+    switch (m) {
+    case CORE:
+        return true;
+    case VOUT:
+        return h.vout_set_layout && h.vout_set_zoom && h.vout_pip_pcivinit && h.vout_main_pcivinit &&
+               h.vout_spot_pcivinit && h.vout_pippciv_start && h.vout_mainpciv_start && h.vout_pippciv_stop &&
+               h.vout_spot_pcivexit;
+    case VIN:
+        return h.vin_set_caps && h.vin_set_md && h.vin_set_privacy;
+    case ENC:
+        return h.enc_set_video && h.enc_run_video && h.enc_update && h.enc_set_timestamp && h.enc_copy_timefont &&
+               h.enc_on_playjpg && h.enc_init_avcres;
+    case DEC:
+        return h.dec_cmd != nullptr;
+    }
+    return false;
+}
 
 const cmd_row* find_row(uint32_t code)
 {
@@ -303,8 +332,9 @@ int cal_cmd_dispatch(cal_t* cal, hsc_msg_t* msg)
     if (row == nullptr)
         return 0;
     if (msg->len < row->min_len) {
+        bool answer_zero = row->result_zero || !module_present(row->module);
         TRACE("cmd:%08x len:%u < %u refused\n", msg->cmd, msg->len, row->min_len);
-        return -1;
+        return answer_zero ? 0 : -1;
     }
     return row->run(cal, msg);
 }
