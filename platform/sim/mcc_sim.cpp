@@ -400,6 +400,8 @@ int mcc_ioctl(int fd, unsigned long request, mcc_handle_attr* attr)
 
 int mcc_close(int fd)
 {
+    if (int32_t code = sim_fail(SIM_OP_mcc_close))
+        return fail_errno(code);
     std::unique_ptr<binding> gone;
     {
         std::lock_guard lock(g_mutex);
