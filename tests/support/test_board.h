@@ -3,6 +3,7 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -89,4 +90,6 @@ inline void stdout_to_stderr()
 }
 
 // The statement must log the fatal message at level 3 and abort.
-#define EXPECT_FATAL(statement, message) EXPECT_DEATH({ stdout_to_stderr(); statement; }, "ERROR!! " message)
+#define EXPECT_FATAL(statement, message)                                                       \
+    EXPECT_EXIT({ stdout_to_stderr(); statement; }, ::testing::KilledBySignal(SIGABRT), \
+                "ERROR!! " message)

@@ -62,8 +62,11 @@ TEST_F(cal_hsc_test, statistics_print_once_per_ten_second_slot)
 
 TEST_F(cal_hsc_test, refused_before_the_windows_or_when_too_big_nothing_is_sent_and_the_caller_keeps_the_data)
 {
-    cal_->slave_cam = 33;  // more cameras than a channel serves
-    EXPECT_EQ(cal_hsc_new(cal_), nullptr);
+    for (int n : {33, -1}) {  // more cameras than a channel serves, or a negative count
+        cal_->slave_cam = n;
+        EXPECT_EQ(cal_hsc_new(cal_), nullptr) << n;
+    }
+    cal_->slave_cam = 8;
     ebuf_t* e = ebuf_malloc(0);
     int ch[129] = {};
     nbuf_desc_t nd[129] = {};

@@ -117,6 +117,41 @@ TEST_F(chip_init_test, eight_cameras_memory_zones)
     EXPECT_EQ(z(HI_ID_VO, 0, 0), "");
 }
 
+TEST_F(chip_init_test, four_cameras_keep_one_pixel_format_and_zones_alternate_by_group_parity)
+{
+    cal_.slave_cam = 4;
+    ASSERT_EQ(chip_init_slave(&cal_), 0);
+    for (int c = 0; c < 4; ++c) {
+        sim_vi_chn main = sim_media_vi_chn(cal_cam_to_vi_chn(&cal_, c));
+        EXPECT_TRUE(main.enabled && main.attr.pix_fmt == 19 && main.to420) << c;
+    }
+    std::map<int, std::string> zone;
+    for (const sim_mem_conf& m : sim_media_mem_confs())
+        if (m.chn.mod_id == HI_ID_VPSS)
+            zone[m.chn.dev_id] = m.zone;
+    for (int g = 0; g < 40; ++g)
+        EXPECT_EQ(zone[g], g % 2 ? "ddr1" : "") << g;
+    for (int g : {0, 5, 11, 125, 127}) {
+        sim_vpss_grp grp = sim_media_vpss_grp(g);
+        EXPECT_TRUE(grp.started && grp.attr.pix_fmt == 19) << g;
+    }
+}
+
+TEST_F(chip_init_test, a_memory_zone_failure_ends_the_bring_up_before_capture_but_the_output_entry_is_only_traced)
+{
+    reopen_media("HI_MPI_SYS_SetMemConf@3=a0028003");  // the first pass's decoder entry
+    stdout_capture out;
+    EXPECT_EQ(chip_init_slave(&cal_), -1);
+    EXPECT_TRUE(has_message(trace_messages(out.text()), "_sys_memconfig failed with -1!"));
+    for (int d = 0; d < VIU_MAX_DEV_NUM; ++d)
+        EXPECT_FALSE(sim_media_vi_dev(d).enabled) << d;
+
+    reopen_media("HI_MPI_SYS_SetMemConf@7=a0028003");  // after VI, VI sub, VDEC, VENC, group, VPSS: VO 0 0
+    stdout_capture again;
+    EXPECT_EQ(chip_init_slave(&cal_), 0);
+    EXPECT_TRUE(has_message(trace_messages(again.text()), "HI_MPI_SYS_SetMemConf ERR 0 0xa0028003!"));
+}
+
 TEST_F(chip_init_test, camera_counts_beyond_the_channel_map_are_refused)
 {
     for (int n : {0, 9, -1}) {

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <string>
 
@@ -106,7 +107,10 @@ TEST_F(kel_thread_test, stable_wait_polls_every_20ms_and_ends_at_once_when_ready
     } cases[] = {{slow.dt, 100, 6}, {slow.dt, 19, 1}, {slow.dt, -40, 0}, {ready.dt, 5000, 0}, {ended.dt, 5000, 0}};
     for (auto [dt, timeout, polls] : cases) {
         stdout_capture out;
+        auto t0 = std::chrono::steady_clock::now();
         EXPECT_EQ(kel_thread_wait_stable(dt, timeout), 0);
+        // Each poll sleeps 20 ms first: a lower bound, not a speed claim.
+        EXPECT_GE(std::chrono::steady_clock::now() - t0, std::chrono::milliseconds(20 * polls)) << timeout;
         EXPECT_THAT(out.text(), HasSubstr("> name:" + std::string(dt->name) + " k:" + std::to_string(polls) + "\n"))
             << timeout;
     }
@@ -145,7 +149,9 @@ TEST_F(kel_thread_test, a_thread_that_ignores_want_exit_is_cancelled)
     kel_thread_wait_stable(j.dt, 5000);
     stdout_capture out;
     // 50 ms: six sleeps of 10 ms, each finding it still running.
+    auto t0 = std::chrono::steady_clock::now();
     EXPECT_EQ(kel_thread_stop(j.dt, 50), 1);
+    EXPECT_GE(std::chrono::steady_clock::now() - t0, std::chrono::milliseconds(60));
     EXPECT_THAT(out.text(), HasSubstr("> name:stubborn cnt:6 k:6 running:1\n"));
     EXPECT_THAT(read_file(chip_file("var/log/message")), HasSubstr("> still running\n"));
     EXPECT_TRUE(wait_until([&] { return j.finished.load(); })) << "not cancelled";
@@ -158,6 +164,28 @@ TEST_F(kel_thread_test, a_thread_that_cannot_be_created_leaves_the_object_stoppe
     j.dt = kel_thread_new("huge", SIZE_MAX & ~static_cast<size_t>(0xFFFFF));
     EXPECT_EQ(kel_thread_start(j.dt, worker, &j), -1);
     EXPECT_EQ(kel_thread_running(j.dt), 0);
+}
+
+TEST_F(kel_thread_test, null_and_never_started_objects_answer_safely)
+{
+    stdout_capture out;
+    // A loop handed NULL must end: want_exit says so.
+    EXPECT_EQ(kel_thread_want_exit(nullptr), 1);
+    EXPECT_EQ(kel_thread_heart(nullptr), 0);
+    EXPECT_EQ(kel_thread_running(nullptr), 0);
+    EXPECT_EQ(kel_thread_stop(nullptr, 10), -1);
+    EXPECT_EQ(kel_thread_notify_stop(nullptr), -1);
+    EXPECT_EQ(kel_thread_start(nullptr, worker, nullptr), -1);
+    kel_thread_t* idle = kel_thread_new("idle", 0);
+    EXPECT_EQ(kel_thread_notify_stop(idle), 0);
+    EXPECT_EQ(kel_thread_want_exit(idle), 0);  // nothing runs that could be asked
+    EXPECT_EQ(kel_thread_stop(idle, 10), 0);
+    std::string text = out.text();
+    EXPECT_THAT(text, HasSubstr("> dt->id is NULL"));
+    size_t errors = 0;
+    for (size_t at = 0; (at = text.find("ERROR!! dt is NULL\n", at)) != std::string::npos; ++at)
+        ++errors;
+    EXPECT_EQ(errors, 6u);
 }
 
 TEST_F(kel_thread_test, registry_keeps_creation_order_dump_lists_it_and_delete_stops_first)

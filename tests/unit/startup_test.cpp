@@ -11,6 +11,7 @@
 
 #include "cal/cal.h"
 #include "cal/startup.h"
+#include "platform/sim/sys_sim.h"
 #include "tests/support/slave_child.h"
 
 namespace {
@@ -73,7 +74,7 @@ TEST(startup_sequence, runs_in_order_and_leaves_its_records_on_the_board)
     size_t at = 0;
     for (const char* step : {"tarv3532.. errno:", "\ntarvo3532 v1.1 argc:5", "\n_init_mem           (", "> VB Init\n",
                              "> WinVbCreate.. r:0\n", "> fill insmod!!\n", "> name:thread_encr success!!\n",
-                             "> name:thread_encn success!!\n", "> k:4 argv:2\n", "> .. module new cal:",
+                             "> name:thread_encn success!!\n", "> k:4 argv:2\n", "> start chip init slave \n", "> stViParam.s32ViChnCnt! 4\n", "> .. module new cal:",
                              "> master:1 cam_base:8 slave_cam:4 num_vin:2\n", "> r1:0 r3:0", "\nlow_power           (",
                              "> master:1 num_vin:2\n", "> sz_thread:gui r:0\n"}) {
         at = console.find(step, at);
@@ -85,6 +86,34 @@ TEST(startup_sequence, runs_in_order_and_leaves_its_records_on_the_board)
                                    "himm 0x20110150  0x03ff5 > /dev/null", "himm 0x20110188  0x10600 > /dev/null",
                                    "himm 0x20120150  0x03ff5 > /dev/null", "himm 0x20120188  0x10600 > /dev/null"));
     EXPECT_THAT(read_file(board.file("chip3/var/log/message")), ::testing::StartsWith("7 tarvo3532 v1.1 start!!\n"));
+}
+
+class startup_board_test : public board_test {};
+
+TEST_F(startup_board_test, buffer_pools_system_and_window_pool_as_the_slave_needs_them)
+{
+    stdout_capture out;
+    _init_mem();
+    sim_sys_state s = sim_sys_snapshot();
+    ASSERT_TRUE(s.vb_initialised && s.sys_initialised && s.win_vb_created);
+    EXPECT_EQ(s.vb_conf.max_pool_cnt, 128u);
+    struct pool {
+        uint32_t size, count;
+        const char* zone;
+    };
+    const pool pools[] = {{0x80000, 64, ""}, {0xCA800, 8, ""}, {0x3FC000, 40, ""},
+                 {0x54600, 24, "ddr1"}, {0xCA800, 8, "ddr1"}, {0x2FD000, 28, "ddr1"}};
+    for (size_t k = 0; k < std::size(s.vb_conf.comm_pool); ++k) {
+        const auto& p = s.vb_conf.comm_pool[k];
+        pool want = k < std::size(pools) ? pools[k] : pool{0, 0, ""};
+        EXPECT_TRUE(p.blk_size == want.size && p.blk_cnt == want.count && std::string(p.mmz_name) == want.zone)
+            << "pool " << k;
+    }
+    EXPECT_EQ(s.sys_conf.align_width, 64u);
+    EXPECT_EQ(s.win_vb.pool_count, 1u);
+    EXPECT_EQ(s.win_vb.blk_size[0], 0x200000u);
+    EXPECT_EQ(s.win_vb.blk_count[0], 4u);
+    EXPECT_THAT(out.text(), ::testing::HasSubstr("> WinVbCreate.. r:0\n"));
 }
 
 class startup_board_death_test : public board_test {};
