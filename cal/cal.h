@@ -39,6 +39,14 @@ extern cal_t* g_cal;
 inline constexpr key_t MSG_KEY_ENCR = 0x656e6372;
 inline constexpr key_t MSG_KEY_ENCN = 0x656e636e;
 
+// The slave-local index of a recorder-wide camera number, or -1 when the
+// camera is not one of this slave's. Safe for any cam and any cam_base.
+inline int cal_local_cam(const cal_t* cal, int64_t cam)
+{
+    int64_t c = cam - static_cast<int64_t>(cal->cam_base);
+    return c >= 0 && c < cal->slave_cam ? static_cast<int>(c) : -1;
+}
+
 cal_t* cal_new();
 void cal_mod_new(cal_t* cal);
 int cal_start(cal_t* cal);

@@ -9,6 +9,7 @@
 #include <sys/time.h>
 #include <sys/types.h>
 #include <cstddef>
+#include <cstdint>
 #include <ctime>
 
 // Prepares the platform for this process, given its command line (on the
@@ -23,6 +24,11 @@ int platform_init(int argc, char** argv);
 time_t os_time(time_t* t);
 int os_gettimeofday(struct timeval* tv);
 int os_settimeofday(const struct timeval* tv);
+
+// Monotonic clock in microseconds: steady, unmoved by the wall clock.
+int64_t os_monotonic_us();
+// Sleeps the calling thread for us microseconds; a cancellation point.
+void os_usleep(uint32_t us);
 
 // Runs a shell command; returns its status as system(3) does.
 int os_system(const char* cmd);

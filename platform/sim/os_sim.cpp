@@ -251,6 +251,18 @@ time_t os_time(time_t* t)
     return now;
 }
 
+int64_t os_monotonic_us()
+{
+    struct timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return static_cast<int64_t>(ts.tv_sec) * 1000000 + ts.tv_nsec / 1000;
+}
+
+void os_usleep(uint32_t us)
+{
+    usleep(us);
+}
+
 int os_gettimeofday(struct timeval* tv)
 {
     int64_t us = host_now_us() + g_clock_offset_us.load();
