@@ -12,6 +12,10 @@
 // Threads: one event thread does all reading from the sockets (accepting,
 // hellos, replies, notifications); callers' threads send commands and wait
 // for their replies; an optional poller queries each slave's status.
+//
+// Sources: connections.cpp (board, sockets, event thread, processes),
+// commands.cpp (port 102), notifications.cpp (ports 103 to 106 and their
+// acknowledgements). Every descriptor is held by a unique_fd.
 #pragma once
 
 #include <sys/types.h>
@@ -34,6 +38,7 @@
 #include <vector>
 
 #include "master/board.h"
+#include "master/fd.h"
 #include "master/parse.h"
 #include "master/process.h"
 #include "master/stats.h"
@@ -191,7 +196,7 @@ public:
 
 private:
     struct pending_conn {
-        int fd;
+        unique_fd fd;
         steady::time_point deadline;
     };
     struct pending_cmd {
@@ -208,7 +213,7 @@ private:
     };
     struct slave_rec {
         slave_info info;
-        std::array<int, NUM_PORTS> fd;
+        std::array<unique_fd, NUM_PORTS> fd;
         bool reaped = false;  // a started slave's process is waited for
     };
     struct ready_fd {
@@ -245,8 +250,8 @@ private:
     mutable std::mutex mu_;
     std::condition_variable cv_;
     bool open_ = false;
-    int listen_fd_ = -1;
-    int wake_fd_ = -1;
+    unique_fd listen_fd_;
+    unique_fd wake_fd_;
     std::vector<pending_conn> pending_;  // event thread only
     std::map<int, slave_rec> slaves_;
     std::map<uint32_t, pending_cmd> cmds_;

@@ -1,3 +1,6 @@
+// The master's connections: the board, the listening socket and the event
+// thread that accepts slaves' ports, takes their hellos and reads every
+// message; the slave processes it starts; the views of what it knows.
 #include "master/master.h"
 
 #include <poll.h>
@@ -9,23 +12,14 @@
 #include <cerrno>
 #include <cstdarg>
 #include <cstring>
-#include <type_traits>
+
+#include "master/internal.h"
 
 namespace tmaster {
 
 namespace {
 
 constexpr size_t NOTES_KEPT = 256;
-
-msg_head_t make_head(uint32_t id, uint32_t cmd, uint32_t len)
-{
-    msg_head_t h{};
-    h.id = id;
-    h.cmd = cmd;
-    h.len = len;
-    h.result = 0;
-    return h;
-}
 
 std::string vformat(const char* fmt, va_list ap)
 {
@@ -52,38 +46,7 @@ ssize_t read_packet(int fd, std::span<uint8_t> buf)
     return n;
 }
 
-const char* port_name(int port)
-{
-    switch (port) {
-    case PORT_CAL: return "102 (commands)";
-    case PORT_ENCR: return "103 (records)";
-    case PORT_ENCN: return "104 (network)";
-    case PORT_VIN: return "105 (motion)";
-    case PORT_ENCJPG: return "106 (snapshots)";
-    case PORT_DEC: return "107 (playback)";
-    default: return "?";
-    }
-}
-
 }  // namespace
-
-const findings* notification::check() const
-{
-    return std::visit(
-        [](const auto& v) -> const findings* {
-            if constexpr (std::is_same_v<std::decay_t<decltype(v)>, std::monostate>)
-                return nullptr;
-            else
-                return &v.check;
-        },
-        parsed);
-}
-
-bool notification::bad() const
-{
-    const findings* f = check();
-    return f == nullptr || f->bad();
-}
 
 bool slave_info::all_ports_open() const
 {
@@ -96,6 +59,7 @@ master::~master()
 {
     close();
 }
+
 
 // ---- notes -----------------------------------------------------------------
 
@@ -155,19 +119,18 @@ int master::open()
     t0_ = steady::now();
     if (board_.open(opts_.board, &error_) != 0)
         return -1;
-    int fd = board_.listen_socket(&error_);
-    if (fd < 0) {
+    unique_fd fd(board_.listen_socket(&error_));
+    if (!fd) {
         board_.close();
         return -1;
     }
-    wake_fd_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    if (wake_fd_ < 0) {
+    wake_fd_.reset(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    if (!wake_fd_) {
         error_ = std::string("eventfd: ") + std::strerror(errno);
-        ::close(fd);
         board_.close();
         return -1;
     }
-    listen_fd_ = fd;
+    listen_fd_ = std::move(fd);
     open_ = true;
     note("board %s: chip0.sock listening, chip0.mem mapped", opts_.board.c_str());
     start_events();
@@ -188,14 +151,10 @@ void master::close()
             c.lost = true;
         cv_.notify_all();
     }
-    for (const pending_conn& p : pending_)
-        ::close(p.fd);
     pending_.clear();
-    ::close(listen_fd_);
-    listen_fd_ = -1;
+    listen_fd_.reset();
     unlink(board_.path("chip0.sock").c_str());
-    ::close(wake_fd_);
-    wake_fd_ = -1;
+    wake_fd_.reset();
     board_.close();
     open_ = false;
 }
@@ -209,7 +168,7 @@ int master::restart()
     stop_events();
     // The listening socket goes first, so that slaves reconnecting at once
     // find no master until it listens again.
-    ::close(listen_fd_);
+    listen_fd_.reset();
     unlink(board_.path("chip0.sock").c_str());
     {
         std::lock_guard lk(mu_);
@@ -219,11 +178,9 @@ int master::restart()
         cv_.notify_all();
         add_note_locked("restart: listening socket and every connection closed");
     }
-    for (const pending_conn& p : pending_)
-        ::close(p.fd);
     pending_.clear();
-    listen_fd_ = board_.listen_socket(&error_);
-    if (listen_fd_ < 0)
+    listen_fd_.reset(board_.listen_socket(&error_));
+    if (!listen_fd_)
         return -1;
     note("restart: chip0.sock listening again");
     start_events();
@@ -243,7 +200,7 @@ void master::stop_events()
         return;
     stop_events_ = true;
     uint64_t one = 1;
-    ssize_t n = write(wake_fd_, &one, sizeof(one));
+    ssize_t n = write(wake_fd_.get(), &one, sizeof(one));
     (void)n;
     events_.join();
 }
@@ -252,9 +209,7 @@ void master::close_connections_locked()
 {
     for (auto& [chip, rec] : slaves_) {
         for (int k = 0; k < NUM_PORTS; ++k) {
-            if (rec.fd[k] >= 0)
-                ::close(rec.fd[k]);
-            rec.fd[k] = -1;
+            rec.fd[k].reset();
             rec.info.ports[k].open = false;
         }
     }
@@ -264,7 +219,6 @@ master::slave_rec& master::rec_locked(int chip)
 {
     auto [it, inserted] = slaves_.try_emplace(chip);
     if (inserted) {
-        it->second.fd.fill(-1);
         it->second.info.chip = chip;
         for (int k = 0; k < NUM_WINDOWS; ++k)
             it->second.info.windows[k] = window_address(chip, k);
@@ -403,11 +357,11 @@ window_set master::windows_of(int chip) const
 int master::send_locked(int chip, int port, std::span<const uint8_t> bytes)
 {
     auto it = slaves_.find(chip);
-    if (it == slaves_.end() || !is_slave_port(port) || it->second.fd[port_slot(port)] < 0) {
+    if (it == slaves_.end() || !is_slave_port(port) || !it->second.fd[port_slot(port)]) {
         errno = ENOTCONN;
         return -1;
     }
-    ssize_t n = send(it->second.fd[port_slot(port)], bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+    ssize_t n = send(it->second.fd[port_slot(port)].get(), bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
     if (n != static_cast<ssize_t>(bytes.size())) {
         if (n >= 0)
             errno = EMSGSIZE;
@@ -422,159 +376,6 @@ int master::send_raw(int chip, int port, std::span<const uint8_t> bytes)
     return send_locked(chip, port, bytes);
 }
 
-std::optional<reply_t> master::command(int chip, uint32_t cmd, std::span<const uint8_t> payload,
-                                       milliseconds timeout)
-{
-    if (payload.size() > PACKET_MAX - MSG_HEAD_SIZE) {
-        note("chip %d: command %#x with %zu payload bytes is too long to send", chip, cmd, payload.size());
-        return std::nullopt;
-    }
-    std::vector<uint8_t> pkt(MSG_HEAD_SIZE + payload.size());
-    std::unique_lock lk(mu_);
-    uint32_t id = next_id_++;
-    msg_head_t head = make_head(id, cmd, static_cast<uint32_t>(payload.size()));
-    std::memcpy(pkt.data(), &head, sizeof(head));
-    if (!payload.empty())
-        std::memcpy(pkt.data() + MSG_HEAD_SIZE, payload.data(), payload.size());
-
-    pending_cmd pending{};
-    pending.chip = chip;
-    pending.cmd = cmd;
-    auto it = cmds_.try_emplace(id, std::move(pending)).first;
-    if (send_locked(chip, PORT_CAL, pkt) != 0) {
-        int e = errno;
-        cmds_.erase(it);
-        note_locked("chip %d: command %#x id %u not sent: %s", chip, cmd, id,
-                    e == ENOTCONN ? "port 102 is not connected" : std::strerror(e));
-        return std::nullopt;
-    }
-    cv_.wait_for(lk, timeout, [&] { return it->second.done || it->second.lost; });
-    pending_cmd pc = std::move(it->second);
-    cmds_.erase(it);
-    if (!pc.done) {
-        if (pc.lost)
-            note_locked("chip %d: command %#x id %u lost: connections closed", chip, cmd, id);
-        else
-            note_locked("chip %d: command %#x id %u: no reply within %lld ms", chip, cmd, id,
-                        static_cast<long long>(timeout.count()));
-        return std::nullopt;
-    }
-    return std::move(pc.reply);
-}
-
-int master::set_dma_info(int chip, milliseconds timeout, reply_t* out)
-{
-    dma_info_t info{};
-    for (int k = 0; k < NUM_WINDOWS; ++k)
-        info.addr[k] = window_address(chip, k);
-    std::optional<reply_t> r = command(
-        chip, CMD_SET_DMA_INFO, std::span(reinterpret_cast<const uint8_t*>(&info), sizeof(info)), timeout);
-    if (!r)
-        return -1;
-    if (out != nullptr)
-        *out = *r;
-    std::lock_guard lk(mu_);
-    if (r->head.result == 0)
-        rec_locked(chip).info.windows_set = true;
-    return r->head.result;
-}
-
-std::optional<dma_info_t> master::get_dma_info(int chip, milliseconds timeout, reply_t* out)
-{
-    std::optional<reply_t> r = command(chip, CMD_GET_DMA_INFO, {}, timeout);
-    if (!r)
-        return std::nullopt;
-    if (out != nullptr)
-        *out = *r;
-    std::lock_guard lk(mu_);
-    if (r->payload.size() < sizeof(dma_info_t)) {
-        note_locked("chip %d: HSCC_CAL_GetDmaInfo reply of %zu payload bytes; 20 expected", chip,
-                    r->payload.size());
-        return std::nullopt;
-    }
-    dma_info_t info = load_at<dma_info_t>(r->payload, 0);
-    slave_info& s = rec_locked(chip).info;
-    s.have_dma_info = true;
-    s.dma_info = info;
-    return info;
-}
-
-std::optional<status_t> master::get_status(int chip, milliseconds timeout)
-{
-    // A zeroed request: a 4-camera slave leaves part of it in its reply.
-    std::array<uint8_t, sizeof(status_t)> req{};
-    std::optional<reply_t> r = command(chip, CMD_GET_STATUS, req, timeout);
-    std::lock_guard lk(mu_);
-    slave_info& s = rec_locked(chip).info;
-    if (!r || r->payload.size() < sizeof(status_t)) {
-        ++s.status_failures;
-        if (r)
-            note_locked("chip %d: HSCC_CAL_GetStatus reply of %zu payload bytes; 56 expected", chip,
-                        r->payload.size());
-        return std::nullopt;
-    }
-    ++s.status_polls;
-    s.have_status = true;
-    s.status = load_at<status_t>(r->payload, 0);
-    return s.status;
-}
-
-// ---- acknowledgements and notifications ------------------------------------
-
-int master::flush_acks_locked()
-{
-    int sent = 0;
-    for (auto it = acks_.begin(); it != acks_.end();) {
-        msg_head_t h = make_head(it->head.id, it->head.cmd, 0);
-        if (send_locked(it->chip, it->port, std::span(reinterpret_cast<const uint8_t*>(&h), sizeof(h))) != 0) {
-            ++it;  // not connected now: it goes when the port is back
-            continue;
-        }
-        ++rec_locked(it->chip).info.acks_sent;
-        it = acks_.erase(it);
-        ++sent;
-    }
-    if (sent > 0)
-        cv_.notify_all();
-    return sent;
-}
-
-void master::hold_acks(bool hold)
-{
-    std::lock_guard lk(mu_);
-    hold_ = hold;
-    if (!hold_)
-        flush_acks_locked();
-}
-
-int master::release_acks()
-{
-    std::lock_guard lk(mu_);
-    return flush_acks_locked();
-}
-
-size_t master::pending_acks() const
-{
-    std::lock_guard lk(mu_);
-    return acks_.size();
-}
-
-void master::on_notification(notification_fn fn)
-{
-    std::lock_guard lk(mu_);
-    callback_ = std::move(fn);
-}
-
-std::optional<notification> master::next_notification(milliseconds timeout)
-{
-    std::unique_lock lk(mu_);
-    if (!cv_.wait_for(lk, timeout, [&] { return !queue_.empty(); }))
-        return std::nullopt;
-    notification n = std::move(queue_.front());
-    queue_.pop_front();
-    return n;
-}
-
 // ---- the event thread ----------------------------------------------------------
 
 void master::event_loop()
@@ -584,17 +385,17 @@ void master::event_loop()
     while (!stop_events_) {
         pfds.clear();
         meta.clear();
-        pfds.push_back({wake_fd_, POLLIN, 0});
-        meta.push_back({wake_fd_, -1, 0});
-        pfds.push_back({listen_fd_, POLLIN, 0});
-        meta.push_back({listen_fd_, -1, 0});
+        pfds.push_back({wake_fd_.get(), POLLIN, 0});
+        meta.push_back({wake_fd_.get(), -1, 0});
+        pfds.push_back({listen_fd_.get(), POLLIN, 0});
+        meta.push_back({listen_fd_.get(), -1, 0});
         {
             std::lock_guard lk(mu_);
             for (const auto& [chip, rec] : slaves_) {
                 for (int k = 0; k < NUM_PORTS; ++k) {
-                    if (rec.fd[k] >= 0) {
-                        pfds.push_back({rec.fd[k], POLLIN, 0});
-                        meta.push_back({rec.fd[k], chip, PORT_CAL + k});
+                    if (rec.fd[k]) {
+                        pfds.push_back({rec.fd[k].get(), POLLIN, 0});
+                        meta.push_back({rec.fd[k].get(), chip, PORT_CAL + k});
                     }
                 }
             }
@@ -602,8 +403,8 @@ void master::event_loop()
         int timeout_ms = -1;
         steady::time_point now = steady::now();
         for (const pending_conn& p : pending_) {
-            pfds.push_back({p.fd, POLLIN, 0});
-            meta.push_back({p.fd, 0, 0});
+            pfds.push_back({p.fd.get(), POLLIN, 0});
+            meta.push_back({p.fd.get(), 0, 0});
             auto left = std::chrono::ceil<milliseconds>(p.deadline - now).count();
             int ms = static_cast<int>(std::max<long long>(0, left));
             timeout_ms = timeout_ms < 0 ? ms : std::min(timeout_ms, ms);
@@ -629,7 +430,7 @@ void master::event_loop()
             accept_all();
         std::vector<int> waiting;
         for (const pending_conn& p : pending_)
-            waiting.push_back(p.fd);
+            waiting.push_back(p.fd.get());
         for (int fd : waiting)
             read_hello(fd);
         for (size_t i = 2; i < pfds.size(); ++i) {
@@ -644,12 +445,11 @@ void master::event_loop()
             }
             note("a connection said no hello within %lld ms; dropped",
                  static_cast<long long>(opts_.hello_timeout.count()));
-            ::close(it->fd);
             it = pending_.erase(it);
         }
         if (pfds[0].revents != 0) {
             uint64_t v;
-            ssize_t r = read(wake_fd_, &v, sizeof(v));
+            ssize_t r = read(wake_fd_.get(), &v, sizeof(v));
             (void)r;
         }
         std::lock_guard lk(mu_);
@@ -660,7 +460,7 @@ void master::event_loop()
 void master::accept_all()
 {
     for (;;) {
-        int fd = accept4(listen_fd_, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+        int fd = accept4(listen_fd_.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
         if (fd < 0) {
             if (errno == EINTR || errno == ECONNABORTED)
                 continue;
@@ -668,45 +468,41 @@ void master::accept_all()
                 note("accept failed: %s", std::strerror(errno));
             return;
         }
-        pending_.push_back({fd, steady::now() + opts_.hello_timeout});
+        pending_.push_back({unique_fd(fd), steady::now() + opts_.hello_timeout});
     }
 }
 
 void master::read_hello(int fd)
 {
-    auto it = std::find_if(pending_.begin(), pending_.end(), [fd](const pending_conn& p) { return p.fd == fd; });
+    auto it = std::find_if(pending_.begin(), pending_.end(), [fd](const pending_conn& p) { return p.fd.get() == fd; });
     if (it == pending_.end())
         return;
     std::array<uint8_t, 64> buf{};
     ssize_t n = read_packet(fd, buf);
     if (n == -1)
         return;  // nothing yet
+    unique_fd conn = std::move(it->fd);  // closed on every refusal below
     pending_.erase(it);
     if (n <= 0) {
         note("a connection closed before its hello; dropped");
-        ::close(fd);
         return;
     }
     if (n != static_cast<ssize_t>(sizeof(hello_t))) {
         note("bad hello of %zd bytes (12 expected); connection dropped", n);
-        ::close(fd);
         return;
     }
     hello_t h = load_at<hello_t>(buf, 0);
     if (h.magic != HELLO_MAGIC) {
         note("bad hello: magic %08x; connection dropped", h.magic);
-        ::close(fd);
         return;
     }
     if (h.chip < 1 || h.chip > MAX_SLAVE_CHIP) {
         note("bad hello: chip %u is no slave chip; connection dropped", h.chip);
-        ::close(fd);
         return;
     }
     int chip = static_cast<int>(h.chip);
     if (h.port == PORT_HANDSHAKE) {
         // The slave's reachability handshake: answered by closing it.
-        ::close(fd);
         std::lock_guard lk(mu_);
         ++rec_locked(chip).info.handshakes;
         note_locked("chip %d: handshake on port 1000, closed", chip);
@@ -714,21 +510,19 @@ void master::read_hello(int fd)
     }
     if (h.port > static_cast<uint32_t>(PORT_DEC) || !is_slave_port(static_cast<int>(h.port))) {
         note("bad hello: chip %d port %u is no port of a slave; connection dropped", chip, h.port);
-        ::close(fd);
         return;
     }
     int port = static_cast<int>(h.port);
     std::lock_guard lk(mu_);
     slave_rec& rec = rec_locked(chip);
-    int& slot = rec.fd[port_slot(port)];
+    unique_fd& slot = rec.fd[port_slot(port)];
     port_info& pi = rec.info.ports[port_slot(port)];
-    if (slot >= 0) {
-        ::close(slot);
+    if (slot) {
         note_locked("chip %d port %s: a new connection replaces the old one", chip, port_name(port));
     } else {
         note_locked("chip %d port %s connected", chip, port_name(port));
     }
-    slot = fd;
+    slot = std::move(conn);  // a replaced connection closes here
     pi.open = true;
     ++pi.connections;
     pi.connected_at = steady::now();
@@ -742,7 +536,7 @@ void master::read_port(const ready_fd& r)
         // Replaced by a new connection in this round: the descriptor is gone.
         std::lock_guard lk(mu_);
         auto it = slaves_.find(r.chip);
-        if (it == slaves_.end() || it->second.fd[port_slot(r.port)] != r.fd)
+        if (it == slaves_.end() || it->second.fd[port_slot(r.port)].get() != r.fd)
             return;
     }
     std::array<uint8_t, PACKET_MAX> buf;
@@ -753,9 +547,8 @@ void master::read_port(const ready_fd& r)
         std::lock_guard lk(mu_);
         slave_rec& rec = rec_locked(r.chip);
         int slot = port_slot(r.port);
-        if (rec.fd[slot] == r.fd) {
-            ::close(r.fd);
-            rec.fd[slot] = -1;
+        if (rec.fd[slot].get() == r.fd) {
+            rec.fd[slot].reset();
             rec.info.ports[slot].open = false;
         }
         note_locked("chip %d port %s closed by the slave", r.chip, port_name(r.port));
@@ -794,161 +587,6 @@ void master::read_port(const ready_fd& r)
     }
 }
 
-void master::on_cal_message(int chip, const msg_head_t& head, std::span<const uint8_t> payload)
-{
-    std::lock_guard lk(mu_);
-    slave_rec& rec = rec_locked(chip);
-    slave_info& s = rec.info;
-    steady::time_point now = steady::now();
-    if (!s.first_seen) {
-        s.first_seen = true;
-        s.first_head = head;
-        s.first_at = now;
-        steady::time_point latest{};
-        for (int k = 0; k < NUM_PORTS; ++k) {
-            if (s.ports[k].open) {
-                s.ports_open_at_first |= 1u << k;
-                latest = std::max(latest, s.ports[k].connected_at);
-            }
-        }
-        s.first_after_ports = std::chrono::duration_cast<std::chrono::microseconds>(now - latest);
-    }
-    if (head.cmd == CMD_ANNOUNCE) {
-        ++s.announcements;
-        s.announced_at = now;
-        note_locked("chip %d: announcement %#x (id %u, len %zu, result %d)", chip, head.cmd, head.id,
-                    payload.size(), head.result);
-        return;
-    }
-    auto it = cmds_.find(head.id);
-    if (it == cmds_.end() || it->second.chip != chip || it->second.done) {
-        ++s.stray_replies;
-        note_locked("chip %d: reply id %u cmd %#x matches no command in flight; ignored", chip, head.id,
-                    head.cmd);
-        return;
-    }
-    if (it->second.cmd != head.cmd) {
-        ++s.stray_replies;
-        note_locked("chip %d: reply id %u carries cmd %#x, the command was %#x; ignored", chip, head.id,
-                    head.cmd, it->second.cmd);
-        return;
-    }
-    it->second.reply.head = head;
-    it->second.reply.payload.assign(payload.begin(), payload.end());
-    it->second.done = true;
-    cv_.notify_all();
-}
-
-void master::on_notification_message(int chip, int port, const msg_head_t& head,
-                                     std::span<const uint8_t> payload)
-{
-    notification n;
-    n.chip = chip;
-    n.port = port;
-    n.head = head;
-    n.payload.assign(payload.begin(), payload.end());
-    window_set ws = windows_of(chip);
-    std::span<const uint8_t> written;
-    if (head.cmd == NOTE_RECORD && port == PORT_ENCR) {
-        n.kind = note_kind::record;
-        record_batch b = parse_record(payload, ws);
-        written = written_bytes(ws, b.note.window, b.note.bytes);
-        n.parsed = std::move(b);
-    } else if (head.cmd == NOTE_NETWORK && port == PORT_ENCN) {
-        n.kind = note_kind::network;
-        network_batch b = parse_network(payload, ws);
-        written = written_bytes(ws, b.window, b.bytes);
-        n.parsed = std::move(b);
-    } else if (head.cmd == NOTE_JPEG && port == PORT_ENCJPG) {
-        n.kind = note_kind::jpeg;
-        jpeg_batch b = parse_jpeg(payload, ws);
-        written = written_bytes(ws, b.window, b.bytes);
-        n.parsed = std::move(b);
-    } else if (head.cmd == NOTE_MOTION && port == PORT_VIN) {
-        n.kind = note_kind::motion;
-        n.parsed = parse_motion(payload);
-    }
-
-    notification_fn fn;
-    {
-        std::lock_guard lk(mu_);
-        fn = callback_;
-    }
-    if (fn)
-        fn(n, written);
-
-    std::lock_guard lk(mu_);
-    slave_rec& rec = rec_locked(chip);
-    std::visit(
-        [&](const auto& v) {
-            if constexpr (std::is_same_v<std::decay_t<decltype(v)>, std::monostate>)
-                ++rec.info.stats.other_bad;
-            else
-                account(rec.info.stats, v);
-        },
-        n.parsed);
-    if (const findings* f = n.check(); f == nullptr) {
-        note_locked("chip %d port %s: message %#x is no notification of this port; answered all the same",
-                    chip, port_name(port), head.cmd);
-    } else if (f->bad()) {
-        note_locked("chip %d port %s: %s %s (%zu finding(s))", chip, port_name(port),
-                    f->rejected ? "rejected:" : "bad:", f->problems.front().c_str(), f->problems.size());
-    }
-    if (opts_.keep_notifications) {
-        n.content.assign(written.begin(), written.end());
-        queue_.push_back(std::move(n));
-        if (queue_.size() > opts_.queue_limit)
-            queue_.pop_front();
-    }
-    acks_.push_back({chip, port, head});
-    if (!hold_)
-        flush_acks_locked();
-    cv_.notify_all();
-}
-
-// ---- status polling ------------------------------------------------------------
-
-void master::start_status_poll(milliseconds period)
-{
-    if (poller_.joinable())
-        return;
-    {
-        std::lock_guard lk(mu_);
-        stop_poll_ = false;
-    }
-    poller_ = std::thread(&master::poll_loop, this, period);
-}
-
-void master::stop_status_poll()
-{
-    if (!poller_.joinable())
-        return;
-    {
-        std::lock_guard lk(mu_);
-        stop_poll_ = true;
-        cv_.notify_all();
-    }
-    poller_.join();
-}
-
-void master::poll_loop(milliseconds period)
-{
-    std::unique_lock lk(mu_);
-    while (!stop_poll_) {
-        steady::time_point next = steady::now() + period;
-        check_processes_locked();
-        std::vector<int> chips;
-        for (const auto& [chip, rec] : slaves_) {
-            if (rec.fd[port_slot(PORT_CAL)] >= 0)
-                chips.push_back(chip);
-        }
-        lk.unlock();
-        for (int chip : chips)
-            get_status(chip, std::min(period, milliseconds(1000)));
-        lk.lock();
-        cv_.wait_until(lk, next, [&] { return stop_poll_; });
-    }
-}
 
 // ---- views -----------------------------------------------------------------------
 
@@ -981,5 +619,6 @@ void master::print_summary(FILE* out) const
     }
     std::fflush(out);
 }
+
 
 }  // namespace tmaster
