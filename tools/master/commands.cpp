@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <type_traits>
 
 #include "master/internal.h"
 
@@ -84,6 +85,42 @@ std::optional<dma_info_t> master::get_dma_info(int chip, milliseconds timeout, r
     s.have_dma_info = true;
     s.dma_info = info;
     return info;
+}
+
+template <typename T>
+std::optional<int32_t> master::command_result(int chip, uint32_t cmd, const T& payload, milliseconds timeout)
+{
+    static_assert(std::is_trivially_copyable_v<T>);
+    std::optional<reply_t> r =
+        command(chip, cmd, std::span(reinterpret_cast<const uint8_t*>(&payload), sizeof(T)), timeout);
+    if (!r)
+        return std::nullopt;
+    return r->head.result;
+}
+
+std::optional<int32_t> master::set_time(int chip, uint64_t usec, milliseconds timeout)
+{
+    return command_result(chip, CMD_SET_TIME, set_time_t{usec}, timeout);
+}
+
+std::optional<int32_t> master::set_vincaps(int chip, const vincaps_t& caps, milliseconds timeout)
+{
+    return command_result(chip, CMD_SET_VINCAPS, caps, timeout);
+}
+
+std::optional<int32_t> master::set_enc_video(int chip, const enc_video_t& v, milliseconds timeout)
+{
+    return command_result(chip, CMD_SET_ENC_VIDEO, v, timeout);
+}
+
+std::optional<int32_t> master::run_enc_video(int chip, const run_video_t& r, milliseconds timeout)
+{
+    return command_result(chip, CMD_RUN_ENC_VIDEO, r, timeout);
+}
+
+std::optional<int32_t> master::update_enc_video(int chip, const update_video_t& u, milliseconds timeout)
+{
+    return command_result(chip, CMD_UPDATE_ENC_VIDEO, u, timeout);
 }
 
 std::optional<status_t> master::get_status(int chip, milliseconds timeout)

@@ -2,12 +2,18 @@
 //
 //   tarvo-master demo  --slave <binary> --board <dir> [--slaves N] [--seconds S]
 //   tarvo-master serve --board <dir> [--slave <binary> --slaves N] [--seconds S]
+//   tarvo-master record --slave <binary> --board <dir> --out <dir> [--slaves N]
+//                       [--cameras C] [--seconds S] [--first-key-wait S]
 //
 // demo starts N slaves, shows each one's announcement and the DMA-info round
 // trips, polls status for S seconds and prints the summary. serve plays
 // chip 0 for slaves started by it or by hand: it gives every slave that
 // connects its windows, answers its notifications and polls its status for
-// S seconds (0: until interrupted), then prints the summary.
+// S seconds (0: until interrupted), then prints the summary. record starts
+// N slaves, configures them as a recorder does, waits until every stream has
+// begun, records S seconds into one .h264 file per camera and stream under
+// the output folder, checks everything that arrives, and prints the summary
+// (also written to <out>/summary.json).
 #include <signal.h>
 #include <unistd.h>
 
@@ -20,6 +26,7 @@
 #include <thread>
 
 #include "master/master.h"
+#include "master/record.h"
 
 using namespace tmaster;
 
@@ -38,7 +45,11 @@ struct cli {
     std::string board;
     int slaves = 1;
     int seconds = 5;
+    bool seconds_given = false;
     int port_wait_s = 20;
+    std::string out;
+    int cameras = 8;
+    int first_key_wait_s = 60;
 };
 
 int usage(const char* why)
@@ -48,8 +59,14 @@ int usage(const char* why)
     std::fprintf(stderr,
                  "usage: tarvo-master demo  --slave <binary> --board <dir> [--slaves N] [--seconds S]\n"
                  "       tarvo-master serve --board <dir> [--slave <binary> --slaves N] [--seconds S]\n"
+                 "       tarvo-master record --slave <binary> --board <dir> --out <dir> [--slaves N]\n"
+                 "                           [--cameras C] [--seconds S] [--first-key-wait S]\n"
                  "  --slaves N      slaves on chips 1..N, chip k with cameras 8(k-1)..8k-1 (default 1)\n"
-                 "  --seconds S     how long to poll status (default 5; serve: 0 runs until interrupted)\n"
+                 "  --seconds S     how long to poll status (default 5; serve: 0 runs until interrupted);\n"
+                 "                  record: how long to record once every stream has begun (default 30)\n"
+                 "  --cameras C     record: cameras per slave, chip k with cameras C(k-1).. (default 8)\n"
+                 "  --out DIR       record: the folder for the .h264 files and summary.json\n"
+                 "  --first-key-wait S  record: how long streams may take to begin (default 60)\n"
                  "  --port-wait S   how long to wait for a slave's ports (default 20)\n");
     return 2;
 }
@@ -80,7 +97,7 @@ int parse_cli(int argc, char** argv, cli* c)
     if (argc < 2)
         return usage(nullptr);
     c->mode = argv[1];
-    if (c->mode != "demo" && c->mode != "serve")
+    if (c->mode != "demo" && c->mode != "serve" && c->mode != "record")
         return usage(("unknown command \"" + c->mode + "\"").c_str());
     for (int i = 2; i < argc; ++i) {
         std::string a = argv[i];
@@ -97,6 +114,15 @@ int parse_cli(int argc, char** argv, cli* c)
         } else if (a == "--seconds") {
             if (!parse_int(v, 0, 86400, &c->seconds))
                 return usage("--seconds takes 0..86400");
+            c->seconds_given = true;
+        } else if (a == "--out") {
+            c->out = absolute(v);
+        } else if (a == "--cameras") {
+            if (!parse_int(v, 1, 16, &c->cameras))
+                return usage("--cameras takes 1..16");
+        } else if (a == "--first-key-wait") {
+            if (!parse_int(v, 1, 3600, &c->first_key_wait_s))
+                return usage("--first-key-wait takes 1..3600");
         } else if (a == "--port-wait") {
             if (!parse_int(v, 1, 3600, &c->port_wait_s))
                 return usage("--port-wait takes 1..3600");
@@ -108,6 +134,14 @@ int parse_cli(int argc, char** argv, cli* c)
         return usage("--board is required");
     if (c->mode == "demo" && c->slave.empty())
         return usage("demo needs --slave");
+    if (c->mode == "record") {
+        if (c->slave.empty() || c->out.empty())
+            return usage("record needs --slave and --out");
+        if (c->slaves < 1)
+            return usage("record needs at least one slave");
+        if (!c->seconds_given)
+            c->seconds = 30;
+    }
     if (!c->slave.empty() && access(c->slave.c_str(), X_OK) != 0)
         return usage(("cannot run " + c->slave + ": " + std::strerror(errno)).c_str());
     if (c->slave.empty())
@@ -282,6 +316,33 @@ int run_serve(master& m, const cli& c)
     return 0;
 }
 
+int run_record(const cli& c)
+{
+    record_options o;
+    o.board = c.board;
+    o.slave = c.slave;
+    o.plan.out = c.out;
+    for (int k = 1; k <= c.slaves; ++k)
+        o.plan.slaves.push_back({k, c.cameras * (k - 1), c.cameras, c.cameras});
+    o.seconds = c.seconds;
+    o.first_key_wait = std::chrono::seconds(c.first_key_wait_s);
+    o.port_wait = std::chrono::seconds(c.port_wait_s);
+    o.progress = stdout;
+    o.interrupt = &g_stop;
+    std::printf("== tarvo-master record on board %s: %d slave(s) of %d camera(s), %d s, into %s\n", c.board.c_str(),
+                c.slaves, c.cameras, c.seconds, c.out.c_str());
+    std::fflush(stdout);
+    record_summary s = record(o);
+    std::printf("== summary\n");
+    print_record_summary(stdout, s);
+    if (s.rc != 0)
+        std::printf("== the recording did not complete: %s\n", s.error.c_str());
+    std::printf("== files: %s/slave<chip>/cam<NN>-<rec|reclow|netlow|copy>.h264, summary: %s/summary.json\n",
+                c.out.c_str(), c.out.c_str());
+    std::printf("== slave consoles and logs: %s/chip<k>.console, %s/chip<k>/\n", c.board.c_str(), c.board.c_str());
+    return s.rc != 0 ? s.rc : s.all_violations() != 0 ? 1 : 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv)
@@ -295,6 +356,9 @@ int main(int argc, char** argv)
     sigemptyset(&sa.sa_mask);
     sigaction(SIGINT, &sa, nullptr);
     sigaction(SIGTERM, &sa, nullptr);
+
+    if (c.mode == "record")
+        return run_record(c);
 
     master_options o;
     o.board = c.board;

@@ -173,6 +173,14 @@ public:
     std::optional<dma_info_t> get_dma_info(int chip, milliseconds timeout, reply_t* out = nullptr);
     std::optional<status_t> get_status(int chip, milliseconds timeout);
 
+    // The calls a recorder makes to set up its streams. Each returns the
+    // reply's result, or nullopt when no reply came.
+    std::optional<int32_t> set_time(int chip, uint64_t usec, milliseconds timeout);
+    std::optional<int32_t> set_vincaps(int chip, const vincaps_t& caps, milliseconds timeout);
+    std::optional<int32_t> set_enc_video(int chip, const enc_video_t& v, milliseconds timeout);
+    std::optional<int32_t> run_enc_video(int chip, const run_video_t& r, milliseconds timeout);
+    std::optional<int32_t> update_enc_video(int chip, const update_video_t& u, milliseconds timeout);
+
     // Sends bytes as one packet on a slave's port. 0, or -1.
     int send_raw(int chip, int port, std::span<const uint8_t> bytes);
 
@@ -236,6 +244,8 @@ private:
     void read_port(const ready_fd& r);
     void on_cal_message(int chip, const msg_head_t& head, std::span<const uint8_t> payload);
     void on_notification_message(int chip, int port, const msg_head_t& head, std::span<const uint8_t> payload);
+    template <typename T>
+    std::optional<int32_t> command_result(int chip, uint32_t cmd, const T& payload, milliseconds timeout);
     int send_locked(int chip, int port, std::span<const uint8_t> bytes);
     int flush_acks_locked();
     window_set windows_of(int chip) const;

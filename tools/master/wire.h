@@ -80,7 +80,11 @@ inline constexpr uint32_t CMD_SET_DMA_INFO = 0x20001;
 inline constexpr uint32_t CMD_SET_TZ = 0x20002;
 inline constexpr uint32_t CMD_GET_DMA_INFO = 0x20003;
 inline constexpr uint32_t CMD_GET_STATUS = 0x20004;
+inline constexpr uint32_t CMD_SET_VINCAPS = 0x20200;
 inline constexpr uint32_t CMD_SET_TIME = 0x20300;
+inline constexpr uint32_t CMD_SET_ENC_VIDEO = 0x20301;
+inline constexpr uint32_t CMD_RUN_ENC_VIDEO = 0x20302;
+inline constexpr uint32_t CMD_UPDATE_ENC_VIDEO = 0x20308;
 
 inline constexpr uint32_t NOTE_RECORD = 0x30000;
 inline constexpr uint32_t NOTE_NETWORK = 0x40000;
@@ -110,6 +114,80 @@ static_assert(offsetof(status_t, clock) == 36);
 static_assert(offsetof(status_t, media_pts) == 40);
 static_assert(offsetof(status_t, heart_vdec) == 48);
 static_assert(offsetof(status_t, heart_jpeg) == 52);
+
+// HSCC_CAL_SetTime request (8 bytes).
+struct set_time_t {
+    uint64_t usec;  // microseconds since the epoch
+};
+static_assert(sizeof(set_time_t) == 8);
+
+// HSCC_CAL_SetVincaps request (32 bytes).
+struct vincaps_t {
+    int32_t cam;   // recorder-wide camera number
+    int32_t xres;  // 0 or less switches the camera's capture off
+    int32_t yres;
+    int32_t prog;  // 1 progressive, 0 interlaced
+    double fps;
+    uint32_t unused24;
+    int32_t type;  // camera signal type
+};
+static_assert(sizeof(vincaps_t) == 32);
+static_assert(offsetof(vincaps_t, xres) == 4);
+static_assert(offsetof(vincaps_t, yres) == 8);
+static_assert(offsetof(vincaps_t, prog) == 12);
+static_assert(offsetof(vincaps_t, fps) == 16);
+static_assert(offsetof(vincaps_t, type) == 28);
+
+// Stream kinds of the set-video and run-video commands.
+inline constexpr uint32_t KIND_REC = 0;
+inline constexpr uint32_t KIND_NET = 1;
+inline constexpr uint32_t KIND_JPEG = 2;
+inline constexpr uint32_t KIND_NET_LOW = 4;
+inline constexpr uint32_t KIND_COPY = 5;
+inline constexpr uint32_t KIND_REC_LOW = 6;
+
+// HSCC_CAL_SetEncVideo request (20 bytes; the slave reads 17).
+struct enc_video_t {
+    uint32_t kind;
+    float fps;
+    int16_t width;
+    int16_t height;
+    uint8_t cam;  // recorder-wide camera number
+    uint8_t unused13[2];
+    uint8_t quality;  // 1 .. 3
+    uint8_t attr;     // carried into the record index
+    uint8_t unused17[3];
+};
+static_assert(sizeof(enc_video_t) == 20);
+static_assert(offsetof(enc_video_t, fps) == 4);
+static_assert(offsetof(enc_video_t, width) == 8);
+static_assert(offsetof(enc_video_t, height) == 10);
+static_assert(offsetof(enc_video_t, cam) == 12);
+static_assert(offsetof(enc_video_t, quality) == 15);
+static_assert(offsetof(enc_video_t, attr) == 16);
+
+// HSCC_CAL_RunEncVideo request (16 bytes).
+struct run_video_t {
+    uint32_t kind;
+    uint32_t cam;    // recorder-wide camera number
+    uint32_t onoff;  // 0 off
+    uint32_t stop;   // stop value, kept by an off command
+};
+static_assert(sizeof(run_video_t) == 16);
+static_assert(offsetof(run_video_t, cam) == 4);
+static_assert(offsetof(run_video_t, onoff) == 8);
+static_assert(offsetof(run_video_t, stop) == 12);
+
+// HSCC_CAL_UpdatEncVideo request (16 bytes).
+struct update_video_t {
+    int16_t sync;  // not 0: align the slave's clocks with t
+    int16_t fps;   // system frame rate
+    uint32_t unused4;
+    uint64_t t;    // microseconds since the epoch
+};
+static_assert(sizeof(update_video_t) == 16);
+static_assert(offsetof(update_video_t, fps) == 2);
+static_assert(offsetof(update_video_t, t) == 8);
 
 // ---- window contents -------------------------------------------------------
 

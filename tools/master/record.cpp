@@ -1,0 +1,252 @@
+#include "master/record.h"
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstring>
+#include <fstream>
+#include <thread>
+
+#include "master/master.h"
+
+namespace tmaster {
+
+namespace {
+
+using std::chrono::seconds;
+
+uint64_t wall_usec()
+{
+    return static_cast<uint64_t>(
+        std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::system_clock::now().time_since_epoch())
+            .count());
+}
+
+// Collects the failures of the set-up commands.
+struct command_log {
+    std::vector<std::string> failed;
+    void check(std::optional<int32_t> r, const char* what, int cam)
+    {
+        if (r && *r == 0)
+            return;
+        char line[160];
+        if (r)
+            std::snprintf(line, sizeof(line), "%s camera %d: result %d", what, cam, *r);
+        else
+            std::snprintf(line, sizeof(line), "%s camera %d: no reply", what, cam);
+        failed.emplace_back(line);
+    }
+};
+
+enc_video_t enc_video(uint32_t kind, int cam, const stream_setting& s)
+{
+    enc_video_t v{};
+    v.kind = kind;
+    v.fps = static_cast<float>(s.fps);
+    v.width = static_cast<int16_t>(s.width);
+    v.height = static_cast<int16_t>(s.height);
+    v.cam = static_cast<uint8_t>(cam);
+    v.quality = s.quality;
+    v.attr = s.attr;
+    return v;
+}
+
+bool interrupted(const record_options& o)
+{
+    return o.interrupt != nullptr && *o.interrupt != 0;
+}
+
+void say(const record_options& o, const char* fmt, ...) __attribute__((format(printf, 2, 3)));
+void say(const record_options& o, const char* fmt, ...)
+{
+    if (o.progress == nullptr)
+        return;
+    va_list ap;
+    va_start(ap, fmt);
+    std::vfprintf(o.progress, fmt, ap);
+    va_end(ap);
+    std::fflush(o.progress);
+}
+
+void progress_line(const record_options& o, const recorder& rec, const char* phase, double t)
+{
+    recorder::progress_t p = rec.progress();
+    say(o, "-- %s t+%.0fs: %zu of %zu streams begun, %llu frames, %.1f MB, %llu violation(s)\n", phase, t, p.started,
+        p.expected, static_cast<unsigned long long>(p.frames), static_cast<double>(p.bytes) / 1e6,
+        static_cast<unsigned long long>(p.violations));
+}
+
+void write_summary_file(record_summary& s)
+{
+    if (s.out.empty())
+        return;
+    std::ofstream f(s.out + "/summary.json");
+    f << summary_json(s);
+    if (!f) {
+        s.rc = s.rc != 0 ? s.rc : 1;
+        s.error = s.out + "/summary.json: not written";
+    }
+}
+
+}  // namespace
+
+std::vector<std::string> configure_recorder(master& m, const slave_plan& p, const record_plan& plan,
+                                            std::chrono::milliseconds timeout)
+{
+    command_log log;
+    int chip = p.chip;
+    log.check(m.set_time(chip, wall_usec(), timeout), "HSCC_CAL_SetTime", -1);
+    for (int c = 0; c < p.cameras; ++c) {
+        int cam = p.cam_base + c;
+        vincaps_t caps{};
+        caps.cam = cam;
+        caps.xres = 1920;
+        caps.yres = 1080;
+        caps.prog = 1;
+        caps.fps = 30.0;
+        log.check(m.set_vincaps(chip, caps, timeout), "HSCC_CAL_SetVincaps", cam);
+    }
+    for (int c = 0; c < p.cameras; ++c) {
+        int cam = p.cam_base + c;
+        log.check(m.set_enc_video(chip, enc_video(KIND_REC, cam, plan.rec), timeout), "set-video REC", cam);
+        log.check(m.set_enc_video(chip, enc_video(KIND_REC_LOW, cam, plan.rec_low), timeout), "set-video REC LOW", cam);
+        log.check(m.set_enc_video(chip, enc_video(KIND_NET_LOW, cam, plan.net_low), timeout), "set-video NET LOW", cam);
+    }
+    for (int c = 0; c < p.cameras; ++c) {
+        uint32_t cam = static_cast<uint32_t>(p.cam_base + c);
+        log.check(m.run_enc_video(chip, {KIND_REC, cam, 1, 0}, timeout), "run-video REC", p.cam_base + c);
+        log.check(m.run_enc_video(chip, {KIND_NET_LOW, cam, 1, 0}, timeout), "run-video NET LOW", p.cam_base + c);
+        if (plan.copy)
+            log.check(m.run_enc_video(chip, {KIND_COPY, cam, 1, 0}, timeout), "run-video copy", p.cam_base + c);
+        log.check(m.run_enc_video(chip, {KIND_REC_LOW, cam, 1, 0}, timeout), "run-video REC LOW", p.cam_base + c);
+    }
+    update_video_t u{};
+    u.sync = 1;
+    u.fps = static_cast<int16_t>(plan.sys_fps);
+    u.t = wall_usec();
+    log.check(m.update_enc_video(chip, u, timeout), "HSCC_CAL_UpdatEncVideo", -1);
+    return log.failed;
+}
+
+record_summary record(record_options o)
+{
+    if (o.plan.slaves.empty())
+        o.plan.slaves.push_back(slave_plan{});
+    record_summary fail;
+    fail.out = o.plan.out;
+    fail.seconds = o.seconds;
+    auto failed = [&](std::string why) {
+        fail.rc = 1;
+        fail.error = std::move(why);
+        write_summary_file(fail);
+        return fail;
+    };
+
+    recorder rec(o.plan);
+    std::string err;
+    if (rec.open(&err) != 0)
+        return failed(err);
+
+    master_options mo;
+    mo.board = o.board;
+    mo.notes_to = o.notes_to;
+    master m(mo);
+    if (m.open() != 0)
+        return failed(m.error());
+    m.on_notification([&rec](const notification& n, std::span<const uint8_t> written) { rec.take(n, written); });
+
+    std::string setup_error;
+    for (const slave_plan& p : o.plan.slaves) {
+        slave_config cfg;
+        cfg.binary = o.slave;
+        cfg.chip = p.chip;
+        cfg.cam_base = p.cam_base;
+        cfg.slave_cam = p.cameras;
+        cfg.num_vin = p.num_vin;
+        if (m.start_slave(cfg) < 0) {
+            setup_error = "chip " + std::to_string(p.chip) + ": " + m.error();
+            break;
+        }
+        say(o, "-- chip %d: started with cameras %d..%d\n", p.chip, p.cam_base, p.cam_base + p.cameras - 1);
+    }
+    for (size_t i = 0; setup_error.empty() && i < o.plan.slaves.size(); ++i) {
+        const slave_plan& p = o.plan.slaves[i];
+        if (!m.wait_ports(p.chip, o.port_wait) || !m.wait_announcement(p.chip, std::chrono::milliseconds(5000))) {
+            setup_error = "chip " + std::to_string(p.chip) + ": its ports did not open or it did not announce itself";
+            break;
+        }
+        if (m.set_dma_info(p.chip, std::chrono::milliseconds(3000)) != 0) {
+            setup_error = "chip " + std::to_string(p.chip) + ": HSCC_CAL_SetDmaInfo failed";
+            break;
+        }
+        std::vector<std::string> bad = configure_recorder(m, p, o.plan, std::chrono::milliseconds(5000));
+        say(o, "-- chip %d: windows set; time, cameras and streams configured%s\n", p.chip,
+            bad.empty() ? "" : " with failures:");
+        for (const std::string& b : bad)
+            say(o, "     %s\n", b.c_str());
+        if (!bad.empty())
+            setup_error = "chip " + std::to_string(p.chip) + ": " + bad.front() +
+                          (bad.size() > 1 ? " (and " + std::to_string(bad.size() - 1) + " more)" : "");
+    }
+
+    // The board's encoder makes its loops first: wait, bounded, until every
+    // configured stream has delivered its first key frame.
+    auto t0 = steady::now();
+    auto since = [](steady::time_point t) { return std::chrono::duration<double>(steady::now() - t).count(); };
+    int next_line = o.progress_every_s;
+    bool begun = false;
+    if (setup_error.empty()) {
+        say(o, "-- waiting up to %lld s for every stream's first key frame\n",
+            static_cast<long long>(std::chrono::duration_cast<seconds>(o.first_key_wait).count()));
+        while (!interrupted(o) && steady::now() - t0 < o.first_key_wait) {
+            recorder::progress_t p = rec.progress();
+            if (p.started == p.expected) {
+                begun = true;
+                break;
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+            if (since(t0) >= next_line) {
+                progress_line(o, rec, "waiting", since(t0));
+                next_line += o.progress_every_s;
+            }
+        }
+    }
+    double waited = since(t0);
+    if (begun) {
+        say(o, "-- every stream has begun after %.1f s; recording %d s\n", waited, o.seconds);
+        auto t1 = steady::now();
+        next_line = o.progress_every_s;
+        while (!interrupted(o) && since(t1) < o.seconds) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+            if (since(t1) >= next_line) {
+                progress_line(o, rec, "recording", since(t1));
+                next_line += o.progress_every_s;
+            }
+        }
+    }
+
+    say(o, "-- ending the slaves\n");
+    m.end_slaves();
+    m.close();  // no notification after this
+    rec.finish();
+
+    record_summary s = rec.summary();
+    s.seconds = o.seconds;
+    s.waited_s = waited;
+    if (!setup_error.empty()) {
+        s.rc = 1;
+        s.error = setup_error;
+    } else if (!begun) {
+        s.rc = 1;
+        recorder::progress_t p = rec.progress();
+        s.error = interrupted(o) ? "interrupted"
+                                 : std::to_string(p.expected - p.started) + " of " + std::to_string(p.expected) +
+                                       " streams delivered no key frame within the wait";
+    } else if (interrupted(o)) {
+        s.rc = 1;
+        s.error = "interrupted";
+    }
+    write_summary_file(s);
+    return s;
+}
+
+}  // namespace tmaster

@@ -1,0 +1,49 @@
+// `tarvo-master record`: a recorder on a simulated board. It starts the
+// slaves, configures their cameras and streams as a recorder's main
+// application does, receives every stream for a while, checks it and
+// writes it to files, then ends the slaves and sums up.
+#pragma once
+
+#include <chrono>
+#include <csignal>
+#include <cstdint>
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "master/streams.h"
+
+namespace tmaster {
+
+class master;
+
+struct record_options {
+    std::string board;  // absolute path; created when missing
+    std::string slave;  // the slave program
+    // Slaves, cameras, stream settings and the output folder. No slaves:
+    // one on chip 1 with cameras 0..7.
+    record_plan plan;
+    int seconds = 30;  // counted once every stream has begun
+    std::chrono::milliseconds first_key_wait{60000};
+    std::chrono::milliseconds port_wait{20000};
+    int progress_every_s = 5;
+    FILE* progress = nullptr;  // progress lines; nullptr: quiet
+    FILE* notes_to = nullptr;  // the master's notes
+    const volatile std::sig_atomic_t* interrupt = nullptr;  // set: stop early
+};
+
+// Runs a recording and returns its summary; also writes it to
+// <out>/summary.json. rc is 0 when every slave was set up and every
+// configured stream delivered its first key frame.
+record_summary record(record_options o);
+
+// Sets up one slave as a recorder does: HSCC_CAL_SetTime (now),
+// HSCC_CAL_SetVincaps 1920x1080 progressive 30 for each camera, set-video
+// REC, REC LOW and NET LOW, run-video on for kinds 0, 4, 5 (when the plan
+// has the copy) and 6, then the update with sync at the system frame rate.
+// Returns the commands that failed or were refused; empty when all were
+// answered with 0.
+std::vector<std::string> configure_recorder(master& m, const slave_plan& p, const record_plan& plan,
+                                            std::chrono::milliseconds timeout);
+
+}  // namespace tmaster

@@ -1,0 +1,244 @@
+// The streams a recorder receives, checked and written to files.
+//
+// A stream is one camera's recording (REC), low recording (REC LOW), low
+// network (NET LOW), recording copy or network stream of one slave. Record
+// buffers carry REC and REC LOW frames (told apart by the entry's `low`);
+// network batches carry the others, told apart by the stream number:
+// camera for NET, camera + num_vin for NET LOW, camera + 2 * num_vin for the
+// recording copy.
+//
+// What is checked, stream by stream, counted from the stream's first key
+// frame (frames before it are not kept):
+//  - the frame SEI of every access unit: its camera is the stream's camera
+//    (a frame of any other camera is foreign and not kept), its encoder
+//    channel the stream's, its sequence number one above the previous one
+//    (else frames were lost, repeated or reordered);
+//  - the record index: each frame's second (mmd_time, sec_of_day, mmd_mday,
+//    against the master's clock), its frame index below the system frame
+//    rate, its slot index (frame rate x second of the day + frame index)
+//    increasing, its key flag equal to "the first NAL unit is an SPS", its
+//    picture settings the configured ones; per buffer: at most 479 frames,
+//    one minute of the clock, frames within 1 s (main slot) or 4 s (low
+//    slot) of the first, main and low frames never mixed;
+//  - the network descriptors: date and time against the master's clock,
+//    time increasing, key flag, sizes and rate, the stream number naming a
+//    stream of the slave whose camera the SEI carries.
+// Every finding is a violation of its stream (or of the recorder when it
+// names no stream) and is listed in the summary.
+#pragma once
+
+#include <cstdint>
+#include <cstdio>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "master/h264.h"
+#include "master/parse.h"
+
+namespace tmaster {
+
+struct notification;
+
+enum class stream_type : uint8_t { rec, reclow, netlow, copy, net };
+const char* stream_type_name(stream_type t);  // "rec", "reclow", "netlow", "copy", "net"
+
+struct stream_key {
+    int chip;
+    int camera;  // recorder-wide
+    stream_type type;
+    auto operator<=>(const stream_key&) const = default;
+};
+
+// The settings a stream was configured with.
+struct stream_setting {
+    uint16_t width = 0;
+    uint16_t height = 0;
+    uint8_t fps = 0;
+    uint8_t quality = 0;
+    uint8_t attr = 0;
+};
+
+struct slave_plan {
+    int chip = 1;
+    int cam_base = 0;
+    int cameras = 8;
+    int num_vin = 8;
+};
+
+struct record_plan {
+    std::vector<slave_plan> slaves;
+    int sys_fps = 30;  // the update's system frame rate
+    stream_setting rec{1920, 1080, 30, 2, 1};
+    stream_setting rec_low{704, 576, 15, 2, 1};
+    stream_setting net_low{352, 288, 15, 2, 1};
+    bool copy = true;  // the recording copy is switched on
+    std::string out;   // output folder; empty: no files
+};
+
+// Appends access units to an Annex B file, in the order given.
+class h264_file {
+public:
+    int open(const std::string& path, std::string* err);
+    int append(std::span<const uint8_t> au);  // 0, or -1 when the write failed
+    void close();
+    bool is_open() const { return f_ != nullptr; }
+
+private:
+    struct closer {
+        void operator()(FILE* f) const { std::fclose(f); }
+    };
+    std::unique_ptr<FILE, closer> f_;
+};
+
+inline constexpr size_t PROBLEMS_KEPT = 20;  // listed per stream; all are counted
+
+// A list of problems: every one counted, the first PROBLEMS_KEPT kept.
+struct problem_list {
+    uint64_t count = 0;
+    std::vector<std::string> kept;
+    void add(const char* fmt, ...) __attribute__((format(printf, 2, 3)));
+};
+
+// One stream's checks and counts.
+class stream_check {
+public:
+    stream_check(stream_key key, stream_setting want, uint32_t chn) : key_(key), want_(want), chn_(chn) {}
+
+    // One access unit with the key flag its index or descriptor gives.
+    // Returns true when the frame belongs to the stream from its first key
+    // frame on and is to be kept.
+    bool take(std::span<const uint8_t> au, bool key_flag, double arrival_s);
+    // The frame's position: increasing within one day.
+    void position(uint32_t day, uint64_t pos, const char* what);
+    // The frame's picture settings against the configured ones.
+    void settings(uint16_t width, uint16_t height, uint8_t fps, int quality, int attr);
+
+    problem_list& problems() { return problems_; }
+    const problem_list& problems() const { return problems_; }
+
+    stream_key key_;
+    stream_setting want_;
+    uint32_t chn_;  // the encoder channel its SEI names
+    bool started = false;
+    uint64_t frames = 0;  // kept
+    uint64_t key_frames = 0;
+    uint64_t bytes = 0;
+    uint64_t before_key = 0;  // frames before the first key frame
+    uint64_t lost = 0;
+    uint64_t repeated = 0;
+    uint64_t reordered = 0;
+    uint64_t foreign = 0;  // frames of another camera
+    uint64_t no_sei = 0;
+    uint32_t first_seq = 0;
+    uint32_t last_seq = 0;
+    uint64_t first_pts = 0;
+    uint64_t last_pts = 0;
+    double first_arrival = 0;
+    double last_arrival = 0;
+
+private:
+    problem_list problems_;
+    bool have_pos_ = false;
+    uint32_t pos_day_ = 0;
+    uint64_t pos_ = 0;
+};
+
+struct stream_summary {
+    stream_key key{};
+    std::string file;  // relative to the output folder; empty when none
+    stream_setting want;
+    uint64_t frames = 0, key_frames = 0, bytes = 0;
+    double seconds = 0;     // from the first kept frame to the last, one period included
+    double frame_rate = 0;  // frames / seconds
+    double kbps = 0;        // kbit/s over the same time
+    uint64_t before_key = 0, lost = 0, repeated = 0, reordered = 0, foreign = 0, no_sei = 0;
+    uint32_t first_seq = 0, last_seq = 0;
+    uint64_t violations = 0;
+    std::vector<std::string> problems;
+};
+
+struct record_summary {
+    int rc = 0;          // 0: set up, recorded and every stream delivered
+    std::string error;   // why rc is not 0
+    std::string out;
+    int seconds = 0;     // counted after every stream had begun
+    double waited_s = 0; // for the streams' first key frames
+    uint64_t record_buffers = 0;
+    uint64_t network_batches = 0;
+    std::vector<stream_summary> streams;
+    uint64_t violations = 0;            // of the recorder itself
+    std::vector<std::string> problems;  // its own, then nothing of the streams'
+
+    uint64_t all_violations() const;
+    const stream_summary* find(int chip, int camera, stream_type t) const;
+};
+
+// Writes the summary as JSON.
+std::string summary_json(const record_summary& s);
+// Prints the summary as a table with every listed problem.
+void print_record_summary(FILE* out, const record_summary& s);
+
+// Receives the slaves' record buffers and network batches, checks them and
+// writes each stream's frames to its file. Thread-safe: take() runs on the
+// master's event thread, progress() and summary() on any other.
+class recorder {
+public:
+    explicit recorder(record_plan plan);
+
+    // Creates the output folder and one file per configured stream:
+    // <out>/slave<chip>/cam<NN>-<rec|reclow|netlow|copy>.h264.
+    int open(std::string* err);
+    // The master's notification callback.
+    void take(const notification& n, std::span<const uint8_t> written);
+    void take_record(int chip, const record_batch& b, std::span<const uint8_t> written, double now_s);
+    void take_network(int chip, const network_batch& b, std::span<const uint8_t> written, double now_s);
+    void finish();  // closes the files
+
+    struct progress_t {
+        size_t started = 0;   // configured streams past their first key frame
+        size_t expected = 0;  // configured streams
+        uint64_t frames = 0;
+        uint64_t bytes = 0;
+        uint64_t violations = 0;
+    };
+    progress_t progress() const;
+    record_summary summary() const;
+    const record_plan& plan() const { return plan_; }
+
+private:
+    struct stream_state {
+        stream_check check;
+        h264_file file;
+        std::string rel;
+        bool configured = false;
+    };
+    const slave_plan* slave_of(int chip) const;
+    stream_state* stream_locked(const stream_key& k);
+    void keep_locked(stream_state& s, std::span<const uint8_t> au);
+    stream_setting setting_of(stream_type t) const;
+    uint32_t chn_of(const slave_plan& p, int camera, stream_type t) const;
+
+    record_plan plan_;
+    mutable std::mutex mu_;
+    std::map<stream_key, stream_state> streams_;
+    problem_list problems_;
+    uint64_t record_buffers_ = 0;
+    uint64_t network_batches_ = 0;
+    bool write_failed_ = false;
+};
+
+// The checks of one record buffer as a whole (count, minute, span, mixing)
+// and of each entry's time fields, with the master's clock at `now_s`.
+// Findings of the buffer go to every stream in it: they are returned.
+std::vector<std::string> check_record_buffer(const record_batch& b, int sys_fps, double now_s);
+// One entry's time fields; the problems are appended.
+void check_entry_time(const record_frame& f, int sys_fps, double now_s, std::vector<std::string>& out);
+// One network descriptor's time fields against the master's clock.
+void check_desc_time(const nbuf_desc_t& d, double now_s, std::vector<std::string>& out);
+
+}  // namespace tmaster
