@@ -11,6 +11,7 @@ APT_PACKAGES := cmake make g++ libgtest-dev libgmock-dev googletest libbenchmark
                 g++-arm-linux-gnueabi qemu-user
 
 DEMO_BOARD ?= $(CURDIR)/build/demo-board
+DEMO_OUT ?= $(CURDIR)/build/demo-record
 
 .PHONY: all deps build build-arm test test-host arm-test asan tsan release bench demo clean
 
@@ -61,10 +62,11 @@ release: deps
 bench: release
 	@for b in build-release/bench/bench_*; do [ -x "$$b" ] && "$$b"; done; true
 
-# The master emulator starts DEMO_SLAVES slaves (default 1) on a fresh board
-# and polls them for DEMO_SECONDS (default 5).
+# The master emulator starts DEMO_SLAVES slaves (default 1) of DEMO_CAMERAS
+# cameras (default 8) and records every stream for DEMO_SECONDS (default 30)
+# into DEMO_OUT: one .h264 file per camera and stream, and summary.json.
 demo: build
-	@tools/demo.sh $(CURDIR)/build $(DEMO_BOARD)
+	@tools/demo.sh $(CURDIR)/build $(DEMO_BOARD) $(DEMO_OUT)
 
 clean:
 	rm -rf build build-arm build-asan build-tsan build-release

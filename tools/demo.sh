@@ -1,12 +1,17 @@
 #!/usr/bin/env bash
-# `make demo`: a simulated recorder on a fresh board. The master emulator
-# (chip 0) starts the slaves, shows each one's announcement and the DMA-info
-# round trips, polls status, prints its summary and ends the slaves.
-#   tools/demo.sh <build dir> <board dir>
-# DEMO_SLAVES (default 1) and DEMO_SECONDS (default 5) change the run.
+# `make demo`: a simulated recorder on a board. The master emulator (chip 0)
+# starts the slaves, configures every camera's streams as a recorder does
+# (REC 1920x1080 at 30 fps, REC LOW 704x576 at 15, NET LOW 352x288 at 15 and
+# the recording copy), records them once every stream has begun, checks what
+# arrives and writes one playable .h264 file per camera and stream.
+#   tools/demo.sh <build dir> <board dir> <output dir>
+# DEMO_SLAVES (default 1), DEMO_CAMERAS (default 8) and DEMO_SECONDS
+# (default 30) change the run. The board's encoded scene loops (cache/) are
+# kept from run to run, so only the first run waits for them to be made.
 set -euo pipefail
 build=$1
 board=$2
+out=$3
 master="$build/tools/master/tarvo-master"
 slave="$build/tarvo3532"
 for f in "$master" "$slave"; do
@@ -15,6 +20,9 @@ for f in "$master" "$slave"; do
     exit 2
   fi
 done
-rm -rf "$board"
-exec "$master" demo --slave "$slave" --board "$board" \
-  --slaves "${DEMO_SLAVES:-1}" --seconds "${DEMO_SECONDS:-5}"
+if [ -d "$board" ]; then
+  find "$board" -mindepth 1 -maxdepth 1 ! -name cache -exec rm -rf {} +
+fi
+rm -rf "$out"
+exec "$master" record --slave "$slave" --board "$board" --out "$out" \
+  --slaves "${DEMO_SLAVES:-1}" --cameras "${DEMO_CAMERAS:-8}" --seconds "${DEMO_SECONDS:-30}"
