@@ -18,6 +18,7 @@
 #include <random>
 
 #include "master/master.h"
+#include "master/record.h"
 #include "master_test_util.h"
 
 using namespace mtest;
@@ -308,6 +309,76 @@ TEST_F(master_test, slaves_get_their_arguments_environment_and_console_and_end_w
     EXPECT_TRUE(WIFSIGNALED(sa) && WTERMSIG(sa) == SIGTERM);
     EXPECT_TRUE(WIFSIGNALED(sb) && WTERMSIG(sb) == SIGKILL);
     EXPECT_EQ(msgget(key, 0), -1);
+}
+
+TEST_F(master_test, a_recorder_is_set_up_command_by_command_and_a_refusal_is_reported)
+{
+    connect_slave();
+    record_plan plan;
+    slave_plan sp{1, 8, 2, 8};
+    auto done = std::async(std::launch::async, [&] { return configure_recorder(*m_, sp, plan, WAIT); });
+    std::vector<std::pair<uint32_t, std::vector<uint8_t>>> got;
+    const fake_port& cal = port(PORT_CAL);
+    while (got.empty() || got.back().first != CMD_UPDATE_ENC_VIDEO) {
+        std::vector<uint8_t> req = cal.recv();
+        ASSERT_GE(req.size(), MSG_HEAD_SIZE);
+        msg_head_t h = load_prefix<msg_head_t>(req);
+        got.emplace_back(h.cmd, std::vector<uint8_t>(req.begin() + MSG_HEAD_SIZE, req.end()));
+        // The slave refuses REC LOW of camera 9.
+        bool refuse = h.cmd == CMD_RUN_ENC_VIDEO && load_at<run_video_t>(got.back().second, 0).kind == KIND_REC_LOW &&
+                      load_at<run_video_t>(got.back().second, 0).cam == 9;
+        h.result = refuse ? -1 : 0;
+        std::memcpy(req.data(), &h, sizeof(h));
+        ASSERT_TRUE(cal.send(req));
+    }
+    std::vector<std::string> failed = done.get();
+    ASSERT_EQ(failed.size(), 1u);
+    EXPECT_EQ(failed[0], "run-video REC LOW camera 9: result -1");
+
+    // The time first, the cameras' formats, the streams' settings, the
+    // switches, the update last.
+    ASSERT_EQ(got.size(), 1u + 2 + 6 + 8 + 1);
+    EXPECT_EQ(got[0].first, CMD_SET_TIME);
+    uint64_t now = static_cast<uint64_t>(std::time(nullptr)) * 1000000;
+    EXPECT_NEAR(static_cast<double>(load_at<set_time_t>(got[0].second, 0).usec), static_cast<double>(now), 5e6);
+    vincaps_t caps = load_at<vincaps_t>(got[2].second, 0);
+    EXPECT_EQ(got[2].first, CMD_SET_VINCAPS);
+    EXPECT_EQ(caps.cam, 9);
+    EXPECT_EQ(caps.xres, 1920);
+    EXPECT_EQ(caps.yres, 1080);
+    EXPECT_EQ(caps.prog, 1);
+    EXPECT_EQ(caps.fps, 30.0);
+    // set-video REC of camera 8, byte by byte.
+    ASSERT_EQ(got[3].first, CMD_SET_ENC_VIDEO);
+    const std::vector<uint8_t>& v = got[3].second;
+    ASSERT_GE(v.size(), 17u);
+    EXPECT_EQ(load_at<uint32_t>(v, 0), KIND_REC);
+    EXPECT_EQ(load_at<float>(v, 4), 30.0f);
+    EXPECT_EQ(load_at<int16_t>(v, 8), 1920);
+    EXPECT_EQ(load_at<int16_t>(v, 10), 1080);
+    EXPECT_EQ(v[12], 8);
+    EXPECT_EQ(v[15], 2);
+    EXPECT_EQ(v[16], plan.rec.attr);
+    enc_video_t low = load_at<enc_video_t>(got[4].second, 0);
+    enc_video_t net = load_at<enc_video_t>(got[5].second, 0);
+    EXPECT_EQ(low.kind, KIND_REC_LOW);
+    EXPECT_EQ(low.width, 704);
+    EXPECT_EQ(low.fps, 15.0f);
+    EXPECT_EQ(net.kind, KIND_NET_LOW);
+    EXPECT_EQ(net.height, 288);
+    std::vector<uint32_t> kinds;
+    for (size_t k = 9; k < 17; ++k) {
+        EXPECT_EQ(got[k].first, CMD_RUN_ENC_VIDEO);
+        run_video_t r = load_at<run_video_t>(got[k].second, 0);
+        EXPECT_EQ(r.onoff, 1u);
+        EXPECT_EQ(r.cam, k < 13 ? 8u : 9u);
+        kinds.push_back(r.kind);
+    }
+    EXPECT_EQ(kinds, (std::vector<uint32_t>{0, 4, 5, 6, 0, 4, 5, 6}));
+    update_video_t u = load_at<update_video_t>(got.back().second, 0);
+    EXPECT_EQ(u.sync, 1);
+    EXPECT_EQ(u.fps, 30);
+    EXPECT_NEAR(static_cast<double>(u.t), static_cast<double>(now), 5e6);
 }
 
 }  // namespace
