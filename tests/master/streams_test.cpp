@@ -151,6 +151,17 @@ TEST(stream_check, sequence_counts_from_the_first_key_frame_and_finds_lost_repea
     EXPECT_TRUE(d.take(access_unit(9, 33, 0, true), false, 0));
     EXPECT_TRUE(d.take(access_unit(9, 34, 1, false), true, 0));
     EXPECT_EQ(d.problems().count, 3u);
+
+    // A frame without the SEI is kept and listed; the sequence is counted
+    // from the first frame that carries one.
+    stream_check e({1, 9, stream_type::rec}, {1920, 1080, 30, 2, 1}, 1);
+    EXPECT_TRUE(e.take(std::vector<uint8_t>{0, 0, 0, 1, 0x67, 0x42, 0, 0, 1, 0x65, 0x88}, true, 0));
+    EXPECT_TRUE(e.take(access_unit(9, 1, 500, false), false, 0));
+    EXPECT_TRUE(e.take(access_unit(9, 1, 501, false), false, 0));
+    EXPECT_EQ(e.no_sei, 1u);
+    EXPECT_EQ(e.lost, 0u);
+    EXPECT_EQ(e.first_seq, 500u);
+    EXPECT_EQ(e.problems().count, 1u);
 }
 
 class recorder_test : public ::testing::Test {

@@ -154,11 +154,7 @@ bool stream_check::take(std::span<const uint8_t> au, bool key_flag, double arriv
         }
         started = true;
         first_arrival = arrival_s;
-        if (sei) {
-            first_seq = last_seq = sei->seq;
-            first_pts = last_pts = sei->pts;
-        }
-    } else if (sei) {
+    } else if (sei && have_seq_) {
         uint32_t expected = last_seq + 1;
         if (sei->seq == expected) {
             // in order
@@ -176,6 +172,12 @@ bool stream_check::take(std::span<const uint8_t> au, bool key_flag, double arriv
         }
         last_seq = sei->seq;
         last_pts = sei->pts;
+    }
+    if (sei && !have_seq_) {
+        // The sequence is counted from the first frame that carries one.
+        have_seq_ = true;
+        first_seq = last_seq = sei->seq;
+        first_pts = last_pts = sei->pts;
     }
     if (!sei) {
         ++no_sei;

@@ -143,6 +143,7 @@ public:
 
 private:
     problem_list problems_;
+    bool have_seq_ = false;
     bool have_pos_ = false;
     uint32_t pos_day_ = 0;
     uint64_t pos_ = 0;
