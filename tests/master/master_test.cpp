@@ -381,4 +381,50 @@ TEST_F(master_test, a_recorder_is_set_up_command_by_command_and_a_refusal_is_rep
     EXPECT_NEAR(static_cast<double>(u.t), static_cast<double>(now), 5e6);
 }
 
+TEST_F(master_test, a_recorder_as_the_notification_callback_writes_what_a_slave_sends)
+{
+    connect_slave();
+    record_plan plan;
+    plan.slaves.push_back({1, 0, 2, 2});
+    plan.out = dir_ + "/rec";
+    recorder rec(plan);
+    std::string err;
+    ASSERT_EQ(rec.open(&err), 0) << err;
+    m_->on_notification([&rec](const notification& n, std::span<const uint8_t> w) { rec.take(n, w); });
+
+    // NET LOW of camera 1 (stream 1 + 2), two frames, as a slave writes them.
+    time_t now = std::time(nullptr);
+    tm b{};
+    localtime_r(&now, &b);
+    uint32_t ms = static_cast<uint32_t>(b.tm_hour * 3600 + b.tm_min * 60 + b.tm_sec) * 1000;
+    std::vector<uint8_t> a0 = access_unit(1, 7, 0, true), a1 = access_unit(1, 7, 1, false);
+    auto desc = [&](const std::vector<uint8_t>& au, uint32_t t, uint16_t key) {
+        return nbuf_desc_t{static_cast<uint16_t>(b.tm_year + 1900), static_cast<uint8_t>(b.tm_mon + 1),
+                           static_cast<uint8_t>(b.tm_mday), t, 0, key, 352, 288, 15, 1, 2, 0,
+                           static_cast<uint32_t>(au.size()), 0};
+    };
+    std::span<uint8_t> w = m_->window(1, 2);
+    uint32_t off = 0;
+    for (auto [au, d] : {std::pair{&a0, desc(a0, ms, 1)}, std::pair{&a1, desc(a1, ms + 66, 0)}}) {
+        std::memcpy(w.data() + off, &d, sizeof(d));
+        std::memcpy(w.data() + off + sizeof(d), au->data(), au->size());
+        off += static_cast<uint32_t>(sizeof(d) + au->size());
+    }
+    handover();
+    ASSERT_TRUE(port(PORT_ENCN).send_msg(0, NOTE_NETWORK, bytes_of(net_note(off, {3, 3}))));
+    ASSERT_FALSE(port(PORT_ENCN).recv().empty());  // answered after the recorder took it
+    m_->close();
+    rec.finish();
+
+    record_summary s = rec.summary();
+    EXPECT_EQ(s.all_violations(), 0u) << summary_json(s);
+    EXPECT_EQ(s.network_batches, 1u);
+    EXPECT_EQ(s.find(1, 1, stream_type::netlow)->frames, 2u);
+    std::ifstream f(plan.out + "/slave1/cam01-netlow.h264", std::ios::binary);
+    std::vector<uint8_t> got((std::istreambuf_iterator<char>(f)), {});
+    std::vector<uint8_t> want = a0;
+    want.insert(want.end(), a1.begin(), a1.end());
+    EXPECT_EQ(got, want);
+}
+
 }  // namespace

@@ -16,67 +16,6 @@ using namespace mtest;
 
 namespace {
 
-// Inserts emulation-prevention bytes as an encoder does.
-std::vector<uint8_t> escape(const std::vector<uint8_t>& rbsp)
-{
-    std::vector<uint8_t> out;
-    int zeros = 0;
-    for (uint8_t b : rbsp) {
-        if (zeros >= 2 && b <= 3) {
-            out.push_back(3);
-            zeros = 0;
-        }
-        out.push_back(b);
-        zeros = b == 0 ? zeros + 1 : 0;
-    }
-    return out;
-}
-
-template <typename T>
-void put(std::vector<uint8_t>& v, T x)
-{
-    const auto* p = reinterpret_cast<const uint8_t*>(&x);
-    v.insert(v.end(), p, p + sizeof(T));
-}
-
-std::vector<uint8_t> sei_nal(uint32_t cam, uint32_t chn, uint32_t seq, uint64_t pts)
-{
-    std::vector<uint8_t> rbsp = {5, 36};
-    rbsp.insert(rbsp.end(), FRAME_SEI_UUID, FRAME_SEI_UUID + 16);
-    put(rbsp, cam);
-    put(rbsp, chn);
-    put(rbsp, seq);
-    put(rbsp, pts);
-    rbsp.push_back(0x80);
-    std::vector<uint8_t> nal = {0x06};
-    std::vector<uint8_t> e = escape(rbsp);
-    nal.insert(nal.end(), e.begin(), e.end());
-    return nal;
-}
-
-// One access unit as the board's encoder makes it: SPS, PPS, SEI, slice for
-// a key frame; SEI, slice otherwise.
-std::vector<uint8_t> access_unit(uint32_t cam, uint32_t chn, uint32_t seq, bool key, size_t slice = 64)
-{
-    std::vector<uint8_t> au;
-    auto nal = [&](const std::vector<uint8_t>& n, bool four) {
-        au.insert(au.end(), {0, 0});
-        if (four)
-            au.push_back(0);
-        au.push_back(1);
-        au.insert(au.end(), n.begin(), n.end());
-    };
-    if (key) {
-        nal({0x67, 0x42, 0x00, 0x1f, 0xe9}, true);
-        nal({0x68, 0xce, 0x3c, 0x80}, true);
-    }
-    nal(sei_nal(cam, chn, seq, 1000000ull * 1700000000 + seq * 33333ull), !key);
-    std::vector<uint8_t> s(slice, 0x5a);
-    s[0] = key ? 0x65 : 0x41;
-    nal(s, false);
-    return au;
-}
-
 TEST(h264, the_frame_sei_is_read_through_emulation_prevention_and_nothing_else_passes)
 {
     // Camera 0, channel 0 and seq 3 make runs of zeros the encoder escapes.

@@ -240,7 +240,18 @@ record_summary record(record_options o)
         recorder::progress_t p = rec.progress();
         s.error = interrupted(o) ? "interrupted"
                                  : std::to_string(p.expected - p.started) + " of " + std::to_string(p.expected) +
-                                       " streams delivered no key frame within the wait";
+                                       " streams delivered no key frame within the wait:";
+        int listed = 0;
+        for (const stream_summary& x : s.streams) {
+            if (interrupted(o) || x.file.empty() || x.key_frames > 0)
+                continue;
+            if (++listed > 8) {
+                s.error += " ...";
+                break;
+            }
+            s.error += " chip " + std::to_string(x.key.chip) + " camera " + std::to_string(x.key.camera) + " " +
+                       stream_type_name(x.key.type) + ";";
+        }
     } else if (interrupted(o)) {
         s.rc = 1;
         s.error = "interrupted";
