@@ -95,7 +95,7 @@ private:
     std::unique_ptr<FILE, closer> f_;
 };
 
-inline constexpr size_t PROBLEMS_KEPT = 20;  // listed per stream; all are counted
+inline constexpr size_t PROBLEMS_KEPT = 50;  // listed per stream; all are counted
 
 // A list of problems: every one counted, the first PROBLEMS_KEPT kept.
 struct problem_list {
