@@ -234,10 +234,8 @@ void check_entry_time(const record_frame& f, int sys_fps, double now_s, std::vec
                               f.mday, f.time, a.sec_of_day, a.mday));
 }
 
-std::vector<std::string> check_record_buffer(const record_batch& b, int sys_fps, double now_s)
+std::vector<std::string> check_record_buffer(const record_batch& b)
 {
-    (void)sys_fps;
-    (void)now_s;
     std::vector<std::string> out;
     if (b.num_mmd > EBUF_MAX_FRAMES)
         out.push_back(formatf("a record buffer of %d frames; at most %d", b.num_mmd, EBUF_MAX_FRAMES));
@@ -414,7 +412,7 @@ void recorder::take_record(int chip, const record_batch& b, std::span<const uint
         problems_.add("chip %d: a record buffer from a slave that is not recording", chip);
         return;
     }
-    std::vector<std::string> whole = check_record_buffer(b, plan_.sys_fps, now_s);
+    std::vector<std::string> whole = check_record_buffer(b);
     std::set<stream_state*> in_buffer;
     std::vector<std::string> entry;
     for (size_t k = 0; k < b.frames.size(); ++k) {

@@ -233,11 +233,11 @@ private:
     bool write_failed_ = false;
 };
 
-// The checks of one record buffer as a whole (count, minute, span, mixing)
-// and of each entry's time fields, with the master's clock at `now_s`.
-// Findings of the buffer go to every stream in it: they are returned.
-std::vector<std::string> check_record_buffer(const record_batch& b, int sys_fps, double now_s);
-// One entry's time fields; the problems are appended.
+// The checks of one record buffer as a whole (count, minute, span, mixing).
+// Its findings go to every stream in it: they are returned.
+std::vector<std::string> check_record_buffer(const record_batch& b);
+// One entry's time fields, with the master's clock at `now_s`; the problems
+// are appended.
 void check_entry_time(const record_frame& f, int sys_fps, double now_s, std::vector<std::string>& out);
 // One network descriptor's time fields against the master's clock.
 void check_desc_time(const nbuf_desc_t& d, double now_s, std::vector<std::string>& out);
