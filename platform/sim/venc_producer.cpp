@@ -53,6 +53,8 @@ public:
         cache_dir_ = std::move(cache_dir);
         on_ready_ = std::move(on_ready);
         stop_ = false;
+        encoded_ = 0;
+        cached_ = 0;
         thread_ = std::thread([this] { run(); });
     }
 

@@ -5,7 +5,9 @@
 #include <gtest/gtest.h>
 #include <sys/select.h>
 
+#include <atomic>
 #include <chrono>
+#include <functional>
 #include <cstring>
 #include <fstream>
 #include <thread>
@@ -17,6 +19,7 @@
 #include "platform/sim/h264_loop.h"
 #include "platform/sim/h264_sei.h"
 #include "platform/sim/scene.h"
+#include "platform/sim/media_json.h"
 #include "platform/sim/venc_producer.h"
 #include "tests/support/media_board.h"
 #include "vin/chip.h"
@@ -175,6 +178,206 @@ TEST_F(sim_loop_test, a_loop_decodes_at_its_size_holds_its_rate_and_comes_from_t
         std::printf("loop %ux%u %u kbit/s: %zu bytes, encoded in %lld ms\n", loop->key.width, loop->key.height, kbps,
                     loop->data.size(), static_cast<long long>(made.encode_us / 1000));
     }
+}
+
+// ---- channels fed by a live capture chain ---------------------------------------------
+
+constexpr int k_vi_chn = 0;   // device 0, capture input 0
+constexpr int k_vpss = 3;
+constexpr int k_venc = 5;
+
+venc_chn_attr_t small_attr(uint32_t buf_size, uint32_t fps = 30)
+{
+    venc_chn_attr_t a{};
+    a.payload_type = PT_H264;
+    a.h264 = {64, 64, buf_size, 2, 1, 0, 1, 0, 0, 64, 64};
+    a.rc = {VENC_RC_MODE_H264AVBR, 6, 5, 30, fps, 200, 2};
+    return a;
+}
+
+// One received access unit: its packs joined, their types and time stamp.
+struct received {
+    std::vector<uint8_t> bytes;
+    std::vector<int32_t> types;
+    uint64_t pts = 0;
+    bool wrapped = false;
+    sim_sei sei{};
+};
+
+class sim_channel_test : public media_board_test {
+protected:
+    void SetUp() override
+    {
+        media_board_test::SetUp();
+        sim_set_cam_base(8);
+    }
+
+    // Capture channel 0 -> processing group 3 (channel 1) -> encoder group and channel 5.
+    void start_chain(const venc_chn_attr_t& attr)
+    {
+        const vi_dev_attr_t dev = M_CHIP_VI_ATTR_7441_INTERLEAVED_1080P;
+        const vi_chn_attr_t vi{{0, 0, 1920, 1080}, {1920, 1080}, VI_CAPSEL_BOTH, PIXEL_FORMAT_YUV_SEMIPLANAR_420,
+                               0, 0, 0, -1, -1};
+        const vpss_grp_attr_t grp{1920, 1080, PIXEL_FORMAT_YUV_SEMIPLANAR_420, 0, 0, 0, 0, 0, 0};
+        const vpss_chn_attr_t chn{0, 0, {0, 0, 0, 0}, {0, 0, 0, 0}};
+        mpp_chn_t vi_src{HI_ID_VI, 0, k_vi_chn}, vpss_in{HI_ID_VPSS, k_vpss, 0}, vpss_out{HI_ID_VPSS, k_vpss, 1},
+            group{HI_ID_GROUP, k_venc, 0};
+        ASSERT_TRUE(HI_MPI_VI_SetDevAttr(0, &dev) == 0 && HI_MPI_VI_EnableDev(0) == 0 &&
+                    HI_MPI_VI_SetChnAttr(k_vi_chn, &vi) == 0 && HI_MPI_VI_EnableChn(k_vi_chn) == 0);
+        ASSERT_TRUE(HI_MPI_VPSS_CreateGrp(k_vpss, &grp) == 0 && HI_MPI_VPSS_SetChnAttr(k_vpss, 1, &chn) == 0 &&
+                    HI_MPI_VPSS_EnableChn(k_vpss, 1) == 0 && HI_MPI_VPSS_StartGrp(k_vpss) == 0);
+        ASSERT_TRUE(HI_MPI_SYS_Bind(&vi_src, &vpss_in) == 0 && HI_MPI_SYS_Bind(&vpss_out, &group) == 0);
+        venc_grp_frm_rate_t rate{static_cast<int32_t>(attr.rc.vi_frm_rate),
+                                 static_cast<int32_t>(attr.rc.target_frm_rate)};
+        ASSERT_TRUE(HI_MPI_VENC_CreateGroup(k_venc) == 0 && HI_MPI_VENC_SetGrpFrmRate(k_venc, &rate) == 0 &&
+                    HI_MPI_VENC_CreateChn(k_venc, &attr) == 0 && HI_MPI_VENC_SetH264eRefMode(k_venc, 5) == 0 &&
+                    HI_MPI_VENC_RegisterChn(k_venc, k_venc) == 0 && HI_MPI_VENC_StartRecvPic(k_venc) == 0);
+    }
+
+    static bool wait_for(const std::function<bool()>& done, std::chrono::milliseconds limit = 10s)
+    {
+        for (auto end = std::chrono::steady_clock::now() + limit; std::chrono::steady_clock::now() < end;) {
+            if (done())
+                return true;
+            std::this_thread::sleep_for(5ms);
+        }
+        return done();
+    }
+
+    // The next access unit as the slave takes it: select, query, get, release.
+    static bool take(received* out)
+    {
+        int fd = HI_MPI_VENC_GetFd(k_venc);
+        fd_set set;
+        FD_ZERO(&set);
+        FD_SET(fd, &set);
+        timeval tv{2, 0};
+        if (select(fd + 1, &set, nullptr, nullptr, &tv) != 1)
+            return false;
+        venc_chn_stat_t st{};
+        if (HI_MPI_VENC_Query(k_venc, &st) != 0 || st.cur_packs == 0)
+            return false;
+        std::vector<venc_pack_t> packs(st.cur_packs);
+        venc_stream_t s{packs.data(), st.cur_packs, 0};
+        if (HI_MPI_VENC_GetStream(k_venc, &s, true) != 0)
+            return false;
+        *out = {};
+        for (uint32_t i = 0; i < s.pack_count; ++i) {
+            const venc_pack_t& p = packs[i];
+            out->bytes.insert(out->bytes.end(), p.addr[0], p.addr[0] + p.len[0]);
+            if (p.len[1] != 0) {
+                out->wrapped = true;
+                out->bytes.insert(out->bytes.end(), p.addr[1], p.addr[1] + p.len[1]);
+            }
+            out->types.push_back(p.data_type);
+        }
+        out->pts = packs[0].pts;
+        auto sei = sim_sei_find(out->bytes);
+        if (sei)
+            out->sei = *sei;
+        return HI_MPI_VENC_ReleaseStream(k_venc, &s) == 0 && sei.has_value();
+    }
+};
+
+TEST_F(sim_channel_test, a_live_channel_produces_a_decodable_stream_in_order_and_the_loop_is_cached)
+{
+    start_chain(small_attr(64 * 64 / 4 * 3, 15));
+    ASSERT_TRUE(wait_for([] { return sim_venc_producing(k_venc); }));
+    decoder dec;
+    std::vector<received> aus(24);
+    bool wrapped = false;
+    for (size_t i = 0; i < aus.size(); ++i) {
+        ASSERT_TRUE(take(&aus[i])) << i;
+        const received& r = aus[i];
+        EXPECT_TRUE(r.sei.camera == 8 && r.sei.chn == k_venc && r.sei.seq == i && r.sei.pts == r.pts) << i;
+        const std::vector<int32_t> key{H264E_NALU_SPS, H264E_NALU_PPS, H264E_NALU_SEI, H264E_NALU_ISLICE},
+            other{H264E_NALU_SEI, H264E_NALU_PSLICE};
+        EXPECT_EQ(r.types, i % 6 == 0 ? key : other) << i;
+        if (i > 0) {  // 15 of the camera's 30 pictures a second
+            EXPECT_NEAR(static_cast<double>(r.pts - aus[i - 1].pts), 66667, 2);
+        }
+        wrapped |= r.wrapped;
+        ASSERT_EQ(dec.decode(r.bytes), std::make_pair(64, 64)) << i;
+    }
+    EXPECT_TRUE(wrapped);  // a 3 KiB ring wraps within 24 frames
+    EXPECT_EQ(sim_venc_loops_made().encoded, 1u);
+
+    // media.json tells the same.
+    ASSERT_TRUE(wait_for([&] { return read_file(chip_file("media.json")).find("\"chn\": 5, \"grp\": 5") != std::string::npos; }));
+    std::string json = read_file(chip_file("media.json"));
+    for (const char* want : {"\"src\": [16,0,0], \"dst\": [8,3,0]", "\"src\": [8,3,1], \"dst\": [6,5,0]",
+                             "{\"chn\": 0, \"width\": 1920, \"height\": 1080, \"fps\": 30}",
+                             "{\"grp\": 3, \"started\": true, \"chn\": [1]",
+                             "\"registered\": true, \"receiving\": true, \"payload\": 96, \"width\": 64, \"height\": 64, "
+                             "\"gop\": 6, \"bitrate_kbps\": 200, \"fps_in\": 30, \"fps_target\": 15"})
+        EXPECT_NE(json.find(want), std::string::npos) << want << "\n" << json;
+
+    // Stopped and started again: a new sequence from a key frame, the loop
+    // from the cache of a board opened afresh.
+    const std::string board = board_.path();
+    reopen_media("");
+    sim_set_cam_base(8);
+    start_chain(small_attr(64 * 64 / 4 * 3, 15));
+    ASSERT_TRUE(wait_for([] { return sim_venc_producing(k_venc); }));
+    received r;
+    ASSERT_TRUE(take(&r));
+    EXPECT_EQ(r.sei.seq, 0u);
+    EXPECT_EQ(r.types.front(), H264E_NALU_SPS);
+    EXPECT_EQ(sim_venc_loops_made().encoded, 0u);
+    EXPECT_EQ(sim_venc_loops_made().cached, 1u);
+}
+
+TEST_F(sim_channel_test, a_channel_not_collected_drops_and_counts_and_the_sequence_shows_the_gap)
+{
+    start_chain(small_attr(4096, 30));
+    ASSERT_TRUE(wait_for([] { return sim_venc_producing(k_venc); }));
+    auto counter = [](const std::string& json, const char* name) {
+        size_t at = json.find(name);
+        return at == std::string::npos ? 0ul : std::stoul(json.substr(at + std::strlen(name)));
+    };
+    ASSERT_TRUE(wait_for([&] { return counter(sim_media_json_text(), "\"dropped\": ") > 0; }));
+    std::vector<received> got;
+    for (received r; got.size() < 30 && take(&r);)
+        got.push_back(r);
+    ASSERT_EQ(got.size(), 30u);
+    bool gap = false;
+    for (size_t i = 1; i < got.size(); ++i) {
+        ASSERT_GT(got[i].sei.seq, got[i - 1].sei.seq);
+        gap |= got[i].sei.seq != got[i - 1].sei.seq + 1;
+    }
+    EXPECT_TRUE(gap);
+    std::string json = sim_media_json_text();
+    EXPECT_GT(counter(json, "\"dropped\": "), 0u);
+    EXPECT_GE(counter(json, "\"produced\": "), got.back().sei.seq + 1);
+}
+
+TEST_F(sim_channel_test, media_json_is_replaced_whole_within_100_ms_of_a_change)
+{
+    const std::string path = chip_file("media.json");
+    ASSERT_TRUE(wait_for([&] { return file_exists(path); }, 1s));
+    std::atomic<bool> done{false};
+    std::atomic<int> torn{0}, reads{0};
+    std::thread reader([&] {
+        while (!done) {
+            std::string t = read_file(path);
+            ++reads;
+            if (t.size() < 2 || t.front() != '{' || t.substr(t.size() - 2) != "}\n")
+                ++torn;
+        }
+    });
+    for (int g = 0; g < 20; ++g) {  // changes while the file is read
+        ASSERT_EQ(HI_MPI_VENC_CreateGroup(g), 0);
+        std::this_thread::sleep_for(10ms);
+    }
+    venc_chn_attr_t attr = small_attr(4096);
+    ASSERT_EQ(HI_MPI_VENC_CreateChn(9, &attr), 0);
+    auto start = std::chrono::steady_clock::now();
+    ASSERT_TRUE(wait_for([&] { return read_file(path).find("{\"chn\": 9, \"grp\": -1, \"registered\": false") != std::string::npos; }, 1s));
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 100ms + 20ms);  // the poll of this test adds up to 5 ms
+    done = true;
+    reader.join();
+    EXPECT_GT(reads.load(), 10);
+    EXPECT_EQ(torn.load(), 0);
 }
 
 #endif
