@@ -7,6 +7,7 @@
 #include <array>
 #include <atomic>
 #include <cmath>
+#include <cstdio>
 #include <condition_variable>
 #include <deque>
 #include <functional>
@@ -102,6 +103,9 @@ private:
             auto loop = sim_h264_loop_make(key, cache_dir_, &made);
             if (loop != nullptr)
                 (made.from_cache ? cached_ : encoded_).fetch_add(1);
+            if (loop != nullptr && !made.from_cache)
+                std::fprintf(stderr, "sim: encoded %s in %lld ms\n", key.file_name().c_str(),
+                             static_cast<long long>(made.encode_us / 1000));
             lock.lock();
             loop_entry& e = loops_[key];
             e.loop = std::move(loop);
