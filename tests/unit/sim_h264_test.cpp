@@ -384,6 +384,31 @@ TEST_F(sim_channel_test, media_json_is_replaced_whole_within_100_ms_of_a_change)
     EXPECT_EQ(torn.load(), 0);
 }
 
+TEST_F(sim_channel_test, a_channel_without_a_live_source_produces_nothing)
+{
+    start_chain(small_attr(4096, 15));
+    ASSERT_TRUE(wait_for([] { return sim_venc_producing(k_venc); }));
+    // The chain broken between the processing group and the encoder group.
+    mpp_chn_t out{HI_ID_VPSS, k_vpss, 1}, group{HI_ID_GROUP, k_venc, 0};
+    ASSERT_EQ(HI_MPI_SYS_UnBind(&out, &group), 0);
+    ASSERT_TRUE(wait_for([] { return !sim_venc_producing(k_venc); }, 1s));
+    venc_chn_stat_t before{}, after{};
+    std::this_thread::sleep_for(50ms);
+    ASSERT_EQ(HI_MPI_VENC_Query(k_venc, &before), 0);
+    std::this_thread::sleep_for(200ms);
+    ASSERT_EQ(HI_MPI_VENC_Query(k_venc, &after), 0);
+    EXPECT_EQ(after.left_stream_frames, before.left_stream_frames);
+
+    // An absent camera delivers nothing, whatever is bound.
+    std::ofstream(board_.file("board.conf")) << "camera 8 1920x1080 p 30 absent\n";
+    reopen_media("");
+    sim_set_cam_base(8);
+    start_chain(small_attr(4096, 15));
+    std::this_thread::sleep_for(300ms);
+    EXPECT_FALSE(sim_venc_producing(k_venc));
+    EXPECT_NE(sim_media_json_text().find("{\"chn\": 0, \"width\": 1920, \"height\": 1080, \"fps\": 0}"), std::string::npos);
+}
+
 // CPU time (user + system, in clock ticks) of this process's threads whose
 // names begin with "sim".
 long sim_thread_ticks()
