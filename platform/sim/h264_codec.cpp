@@ -172,7 +172,7 @@ bool sim_h264_encode(const sim_loop_key& key, sim_h264_loop* loop)
     // What the loop should hold: the channel's rate over its length, less the
     // SEI each access unit carries live.
     const double seconds = frames * 1000.0 / key.mfps;
-    const double target = key.kbps * 1000.0 / 8.0 * seconds - static_cast<double>(frames) * SIM_SEI_MAX;
+    const double target = key.kbps * 1000.0 / 8.0 * seconds - static_cast<double>(frames) * SIM_SEI_PLAIN;
     std::vector<coded_au> aus;
     int bps = static_cast<int>(key.kbps * 1000);
     for (int attempt = 0;; ++attempt) {

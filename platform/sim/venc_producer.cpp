@@ -3,6 +3,8 @@
 #include "platform/sim/venc_producer.h"
 
 #include <pthread.h>
+#include <sys/resource.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -103,6 +105,9 @@ private:
     void run()
     {
         pthread_setname_np(pthread_self(), "sim_venc_loop");
+        // Encoding is the one costly thing the simulator does: it yields the
+        // processor to the slave's own threads (this thread's nice value only).
+        setpriority(PRIO_PROCESS, static_cast<id_t>(gettid()), 10);
         std::unique_lock lock(mutex_);
         while (true) {
             cv_.wait(lock, [this] { return stop_ || !queue_.empty(); });
