@@ -409,6 +409,30 @@ TEST_F(sim_channel_test, a_channel_without_a_live_source_produces_nothing)
     EXPECT_NE(sim_media_json_text().find("{\"chn\": 0, \"width\": 1920, \"height\": 1080, \"fps\": 0}"), std::string::npos);
 }
 
+TEST_F(sim_channel_test, a_new_bit_rate_while_receiving_keeps_the_sequence_and_starts_its_loop_with_a_key_frame)
+{
+    venc_chn_attr_t attr = small_attr(16384, 15);
+    start_chain(attr);
+    ASSERT_TRUE(wait_for([] { return sim_venc_producing(k_venc); }));
+    received r;
+    for (uint32_t i = 0; i < 4; ++i) {
+        ASSERT_TRUE(take(&r));
+        ASSERT_EQ(r.sei.seq, i);
+    }
+    attr.rc.bit_rate = 120;
+    ASSERT_EQ(HI_MPI_VENC_SetChnAttr(k_venc, &attr), 0);
+    // The old loop goes on until the new one is made; the sequence has no
+    // gap across the change and a key frame follows the new loop's making.
+    uint32_t seq = 3;
+    bool switched = false;
+    for (int i = 0; i < 30 && !switched; ++i) {
+        ASSERT_TRUE(take(&r));
+        ASSERT_EQ(r.sei.seq, ++seq);
+        switched = sim_venc_loops_made().encoded == 2 && r.types.front() == H264E_NALU_SPS;
+    }
+    EXPECT_TRUE(switched);
+}
+
 // CPU time (user + system, in clock ticks) of this process's threads whose
 // names begin with "sim".
 long sim_thread_ticks()
