@@ -16,6 +16,7 @@
 #include "msg/cal_hsc.h"
 #include "tests/support/media_board.h"
 #include "vin/cal_vin.h"
+#include "vin/chip.h"
 
 class enc_board_test : public media_board_test {
 protected:
