@@ -5,15 +5,18 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <sys/ipc.h>
 
 #include <cstring>
 #include <string>
 #include <vector>
 
+#include "cal/cal_buf.h"
 #include "cal/cal_cmd.h"
 #include "cal/cal_mod.h"
 #include "enc/cal_enc.h"
 #include "msg/cal_hsc.h"
+#include "platform/os.h"
 #include "tests/support/media_board.h"
 #include "vin/cal_vin.h"
 #include "vin/chip.h"
@@ -25,11 +28,19 @@ protected:
         media_board_test::SetUp();
         cal_.cam_base = 8;
         cal_.num_vin = 16;
+        cal_.msgid_encr = os_msgget(MSG_KEY_ENCR, IPC_CREAT);
+        cal_.msgid_encn = os_msgget(MSG_KEY_ENCN, IPC_CREAT);
         make_modules();
     }
     void TearDown() override
     {
         drop_modules();
+        // Record buffers handed over and never sent.
+        tx_msg_t m;
+        while (os_msgrcv(cal_.msgid_encr, &m, TX_MSG_BODY_SIZE, 0, IPC_NOWAIT) >= 0)
+            ebuf_free(m.encr.ebuf);
+        while (os_msgrcv(cal_.msgid_encn, &m, TX_MSG_BODY_SIZE, 0, IPC_NOWAIT) >= 0)
+            nbuf_free(m.encn.desc.data, static_cast<int>(m.encn.desc.len));
         media_board_test::TearDown();
     }
 
@@ -89,6 +100,15 @@ protected:
 
     // Lines the process wrote to syslog (level 7 traces go only there).
     std::vector<std::string> syslog_lines() { return read_lines(chip_file("var/log/message")); }
+
+    // Whether a line of the process's syslog holds text.
+    bool logged_line(const std::string& text)
+    {
+        for (const std::string& l : syslog_lines())
+            if (l.find(text) != std::string::npos)
+                return true;
+        return false;
+    }
 
     hsc_msg_t msg_{};
 };
