@@ -4,6 +4,7 @@
 #include <time.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstring>
 
 #include "platform/hi_mpi_sys.h"
@@ -12,21 +13,25 @@
 #include "platform/sim/fault.h"
 #include "platform/sim/media_state.h"
 #include "platform/sim/sys_sim.h"
+#include "platform/sim/venc_ring.h"
 
 namespace {
 
 std::mutex g_mutex;
 sim_media g_media;
+std::atomic<uint64_t> g_generation{0};
 
 void reset(sim_media& m)
 {
     m.vi_dev = {};
     m.vi_chn = {};
     m.vpss = {};
-    for (sim_venc_grp& g : m.venc_grp)
-        g = {false, -1};
-    for (sim_venc_chn& c : m.venc_chn)
-        c = {false, false, -1};
+    m.venc_grp = {};
+    for (sim_venc_chn& c : m.venc_chn) {
+        if (c.ring)
+            c.ring->close();
+        c = {};
+    }
     m.vo = {};
     m.bindings.clear();
     m.mem.clear();
@@ -90,7 +95,18 @@ sim_binding* find_by_dest(sim_media& m, const mpp_chn_t& dest)
 
 }  // namespace
 
-media_access::media_access() : lock_(g_mutex), m_(&g_media) {}
+media_access::media_access(mode md) : lock_(g_mutex), m_(&g_media), mode_(md) {}
+
+media_access::~media_access()
+{
+    if (mode_ == change)
+        g_generation.fetch_add(1, std::memory_order_release);
+}
+
+uint64_t sim_media_generation()
+{
+    return g_generation.load(std::memory_order_acquire);
+}
 
 int32_t sim_media_ready(int32_t module)
 {
@@ -148,49 +164,49 @@ int sim_vi_input_of_dev(int dev)
 
 sim_vi_dev sim_media_vi_dev(int dev)
 {
-    media_access m;
+    media_access m(media_access::read);
     return dev >= 0 && dev < VIU_MAX_DEV_NUM ? m->vi_dev[dev] : sim_vi_dev{};
 }
 
 sim_vi_chn sim_media_vi_chn(int chn)
 {
-    media_access m;
+    media_access m(media_access::read);
     return chn >= 0 && chn < VIU_MAX_CHN_NUM ? m->vi_chn[chn] : sim_vi_chn{};
 }
 
 sim_vpss_grp sim_media_vpss_grp(int grp)
 {
-    media_access m;
+    media_access m(media_access::read);
     return grp >= 0 && grp < VPSS_MAX_GRP_NUM ? m->vpss[grp] : sim_vpss_grp{};
 }
 
 sim_venc_grp sim_media_venc_grp(int grp)
 {
-    media_access m;
-    return grp >= 0 && grp < VENC_MAX_GRP_NUM ? m->venc_grp[grp] : sim_venc_grp{false, -1};
+    media_access m(media_access::read);
+    return grp >= 0 && grp < VENC_MAX_GRP_NUM ? m->venc_grp[grp] : sim_venc_grp{};
 }
 
 sim_venc_chn sim_media_venc_chn(int chn)
 {
-    media_access m;
-    return chn >= 0 && chn < VENC_MAX_CHN_NUM ? m->venc_chn[chn] : sim_venc_chn{false, false, -1};
+    media_access m(media_access::read);
+    return chn >= 0 && chn < VENC_MAX_CHN_NUM ? m->venc_chn[chn] : sim_venc_chn{};
 }
 
 sim_vo_dev sim_media_vo_dev(int dev)
 {
-    media_access m;
+    media_access m(media_access::read);
     return dev >= 0 && dev < VO_MAX_DEV_NUM ? m->vo[dev] : sim_vo_dev{};
 }
 
 std::vector<sim_binding> sim_media_bindings()
 {
-    media_access m;
+    media_access m(media_access::read);
     return m->bindings;
 }
 
 std::vector<mpp_chn_t> sim_media_dests_of(const mpp_chn_t& src)
 {
-    media_access m;
+    media_access m(media_access::read);
     std::vector<mpp_chn_t> dests;
     for (const sim_binding& b : m->bindings)
         if (sim_same_chn(b.src, src))
@@ -200,13 +216,13 @@ std::vector<mpp_chn_t> sim_media_dests_of(const mpp_chn_t& src)
 
 std::vector<sim_mem_conf> sim_media_mem_confs()
 {
-    media_access m;
+    media_access m(media_access::read);
     return m->mem;
 }
 
 sim_camera_conf sim_media_camera(int input)
 {
-    media_access m;
+    media_access m(media_access::read);
     return m->board.camera(sim_cam_base() + input);
 }
 

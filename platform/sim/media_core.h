@@ -8,6 +8,7 @@
 #pragma once
 
 #include <array>
+#include <memory>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -49,20 +50,31 @@ struct sim_vpss_chn {
 struct sim_vpss_grp {
     bool created;
     bool started;
+    int64_t started_us;  // platform clock when started, for the picture count
     vpss_grp_attr_t attr;
     vpss_grp_param_t param;
     std::array<sim_vpss_chn, VPSS_MAX_CHN_NUM> chn;
 };
 
 struct sim_venc_grp {
-    bool created;
-    int32_t chn;  // registered channel, -1 when none
+    bool created = false;
+    int32_t chn = -1;  // registered channel, -1 when none
+    venc_grp_frm_rate_t frm_rate{-1, -1};  // {-1, -1}: no conversion
 };
 
+class sim_venc_ring;
+
 struct sim_venc_chn {
-    bool created;
-    bool receiving;
-    int32_t grp;  // group it is registered with, -1 when none
+    bool created = false;
+    bool receiving = false;
+    int32_t grp = -1;  // group it is registered with, -1 when none
+    venc_chn_attr_t attr{};
+    int32_t ref_mode = 0;
+    venc_param_jpeg_t jpeg{};
+    // Counts the starts of receiving; the producer begins a new sequence
+    // (number 0, a key frame first) whenever it sees a new one.
+    uint32_t session = 0;
+    std::shared_ptr<sim_venc_ring> ring;  // the stream buffer, while created
 };
 
 struct sim_vo_dev {

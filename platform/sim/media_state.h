@@ -23,15 +23,23 @@ struct sim_media {
 
 // The core, locked for as long as the object lives. Operations take it once,
 // after their argument checks, and never call another operation meanwhile.
+//
+// Every access counts as a change of the state (media.json and the encoder
+// producer look again) unless it is made as a read.
 class media_access {
 public:
-    media_access();
+    enum mode { change, read };
+    explicit media_access(mode md = change);
+    ~media_access();
+    media_access(const media_access&) = delete;
+    media_access& operator=(const media_access&) = delete;
     sim_media* operator->() { return m_; }
     sim_media& operator*() { return *m_; }
 
 private:
     std::unique_lock<std::mutex> lock_;
     sim_media* m_;
+    mode mode_;
 };
 
 // 0 when the media system is initialised, else hi_err(module,
@@ -43,6 +51,9 @@ int32_t sim_media_ready(int32_t module);
 // in the hardware's order: an injected fault, the id's range (id_err when it
 // is out of range), then the media system being up. 0 when all pass.
 int32_t sim_media_op(sim_op op, int32_t module, bool id_valid, uint32_t id_err);
+
+// Grows with every change of the core's state.
+uint64_t sim_media_generation();
 
 // Host monotonic time in microseconds.
 int64_t sim_media_now_us();

@@ -136,6 +136,8 @@ int32_t HI_MPI_VPSS_DestroyGrp(int32_t grp)
 int32_t HI_MPI_VPSS_StartGrp(int32_t grp)
 {
     return on_group(SIM_OP_HI_MPI_VPSS_StartGrp, grp, k_no_chn, 0, [](sim_vpss_grp& g) {
+        if (!g.started)
+            g.started_us = sim_media_now_us();
         g.started = true;
         return 0;
     });
