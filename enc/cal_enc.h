@@ -250,6 +250,8 @@ int _calc_bitrate(int kind, int w, int h, double fps, int quality);
 // Tears down encoder channel vchn with its group and binding; 0, or -1 when
 // there is no such channel or a step fails.
 int _enc_exit_chn(int vchn);
+// _enc_exit_chn (v), then the descriptor entry of v is forgotten.
+void _enc_exit_stream_chn(cal_enc_t* enc, int v);
 // Tears down JPEG channel 32 + ch; returns 0.
 int _enc_exit_jpeg_chn(cal_enc_t* enc, int ch);
 // Every camera's JPEG channel; returns 0.

@@ -2,6 +2,7 @@
 // and channel bound to its processing group, and their teardown.
 #include <algorithm>
 #include <climits>
+#include <utility>
 
 #include "cal/cal.h"
 #include "cal/cal_log.h"
@@ -57,6 +58,15 @@ void undo_chn(int v)
 
 }  // namespace
 
+// Tears down a stream's channel and forgets its descriptor: a platform may
+// close a destroyed channel's descriptor and hand its number to another
+// object, which the encoder thread must then not take for this channel.
+void _enc_exit_stream_chn(cal_enc_t* enc, int v)
+{
+    _enc_exit_chn(v);
+    enc->chn[v].fd = -1;
+}
+
 int _update_chip(cal_t* cal, int, uint64_t)
 {
     cal_enc_t* enc = enc_of(cal);
@@ -72,14 +82,15 @@ int _update_chip(cal_t* cal, int, uint64_t)
             enc->ebuf[ch] = nullptr;
             cal_notify_ebuf(cal, eb);
         }
-        if (enc->rec[ch].changed)
-            _enc_exit_chn(enc_chn_of(ENC_KIND_REC, ch, n));
-        if (enc->net[ch].changed)
-            _enc_exit_chn(enc_chn_of(ENC_KIND_NET, ch, n));
-        if (enc->net_low[ch].changed)
-            _enc_exit_chn(enc_chn_of(ENC_KIND_NET_LOW, ch, n));
-        if (enc->rec_low[ch].changed)
-            _enc_exit_chn(enc_chn_of(ENC_KIND_REC_LOW, ch, n));
+        const std::pair<const cal_enc_stream_t*, int> streams[] = {
+            {&enc->rec[ch], ENC_KIND_REC},
+            {&enc->net[ch], ENC_KIND_NET},
+            {&enc->net_low[ch], ENC_KIND_NET_LOW},
+            {&enc->rec_low[ch], ENC_KIND_REC_LOW},
+        };
+        for (auto [s, kind] : streams)
+            if (s->changed)
+                _enc_exit_stream_chn(enc, enc_chn_of(kind, ch, n));
     }
     for (int ch = 0; ch < n; ++ch) {
         const stream_kind order[] = {
