@@ -4,6 +4,7 @@
 #include <sys/msg.h>
 #include <sys/select.h>
 
+#include <algorithm>
 #include <memory>
 #include <new>
 
@@ -51,7 +52,7 @@ void pass(cal_enc_t* enc, enc_pass_state& st)
     cal_t* cal = enc->cal;
 
     enc_update_msg_t m;
-    if (os_msgrcv(enc->msgid_ce_enc, &m, ENC_UPDATE_BODY_SIZE, 0, IPC_NOWAIT) >= 0 &&
+    if (os_msgrcv(enc->msgid_ce_enc, &m, ENC_UPDATE_BODY_SIZE, 0, IPC_NOWAIT | MSG_NOERROR) >= 0 &&
         m.type == MSG_CMD_ENC_UPDATE) {
         _update_chip(cal, m.body.flag, m.body.t);
         st.osd_pts = 0;
@@ -73,7 +74,7 @@ void pass(cal_enc_t* enc, enc_pass_state& st)
             FD_SET(fd, &ready);
     }
     struct timeval limit = {1, 0};
-    int r = select(enc->max_fd + 1, &ready, nullptr, nullptr, &limit);
+    int r = select(std::min(enc->max_fd + 1, FD_SETSIZE), &ready, nullptr, nullptr, &limit);
     bool took = false;
     if (r <= 0 || enc->num == 0) {
         os_usleep(k_idle_us);
