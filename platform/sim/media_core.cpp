@@ -13,6 +13,8 @@
 #include "platform/sim/fault.h"
 #include "platform/sim/media_state.h"
 #include "platform/sim/sys_sim.h"
+#include "platform/sim/media_json.h"
+#include "platform/sim/venc_producer.h"
 #include "platform/sim/venc_ring.h"
 
 namespace {
@@ -129,18 +131,26 @@ int64_t sim_media_now_us()
     return static_cast<int64_t>(ts.tv_sec) * 1000000 + ts.tv_nsec / 1000;
 }
 
-int sim_media_open(std::string*)
+int sim_media_open(std::string* err)
 {
     // Read before taking the core: the file may be slow, the lock is not needed for it.
     sim_board_conf conf = sim_board_conf_load(sim_board_path("board.conf"));
-    media_access m;
-    reset(*m);
-    m->board = std::move(conf);
-    return 0;
+    {
+        media_access m;
+        reset(*m);
+        m->board = std::move(conf);
+    }
+    // Threads last: they read the core.
+    if (int r = sim_venc_producer_open(err))
+        return r;
+    return sim_media_json_open(err);
 }
 
 void sim_media_close()
 {
+    // Threads first: they read the core.
+    sim_media_json_close();
+    sim_venc_producer_close();
     media_access m;
     reset(*m);
 }

@@ -181,8 +181,13 @@ int32_t HI_MPI_SYS_GetCurPts(uint64_t* pts)
     if (pts == nullptr)
         return hi_err(HI_ID_SYS, HI_ERR_NULL_PTR);
     // Unsigned: any 64-bit base the master sets wraps rather than overflows.
-    *pts = static_cast<uint64_t>(monotonic_us()) + static_cast<uint64_t>(g_pts_offset_us.load());
+    *pts = sim_sys_pts_at(monotonic_us());
     return 0;
+}
+
+uint64_t sim_sys_pts_at(int64_t monotonic)
+{
+    return static_cast<uint64_t>(monotonic) + static_cast<uint64_t>(g_pts_offset_us.load());
 }
 
 int32_t HI_MPI_SYS_InitPtsBase(uint64_t pts)

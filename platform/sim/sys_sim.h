@@ -21,3 +21,7 @@ sim_sys_state sim_sys_snapshot();
 // Whether the media system is initialised (what every media family checks
 // first); cheaper than a snapshot.
 bool sim_sys_initialised();
+
+// The platform clock (what HI_MPI_SYS_GetCurPts reads) at a moment of the
+// host's monotonic clock, in microseconds.
+uint64_t sim_sys_pts_at(int64_t monotonic_us);

@@ -32,6 +32,7 @@ bool sim_venc_ring::put(std::span<const sim_pack_in> packs, uint64_t pts, uint32
     uint64_t len = 0;
     for (const sim_pack_in& p : packs)
         len += p.part[0].size() + p.part[1].size();
+    produced_.fetch_add(1, std::memory_order_relaxed);
     std::lock_guard lock(mutex_);
     if (packs.size() > SIM_VENC_MAX_PACKS || len > buf_.size() - used_ || closed_) {
         dropped_.fetch_add(1, std::memory_order_relaxed);

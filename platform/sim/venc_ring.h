@@ -60,6 +60,9 @@ public:
     // Frames still in the ring (read or not) are thrown away.
     void clear();
 
+    // Frames handed to put (every access unit the channel produced) and
+    // those of them dropped.
+    uint64_t produced() const { return produced_.load(std::memory_order_relaxed); }
     uint64_t dropped() const { return dropped_.load(std::memory_order_relaxed); }
 
 private:
@@ -89,5 +92,6 @@ private:
     bool readable_ = false;      // the descriptor holds a count
     bool closed_ = false;
     int fd_ = -1;
+    std::atomic<uint64_t> produced_{0};
     std::atomic<uint64_t> dropped_{0};
 };

@@ -7,6 +7,7 @@
 #include "platform/hi_mpi_vi.h"
 #include "platform/sim/board.h"
 #include "platform/sim/media_state.h"
+#include "platform/sim/picture_flow.h"
 
 namespace {
 
@@ -96,18 +97,6 @@ bool dev_has_enabled_chn(const sim_media& m, int32_t dev)
         if (m.vi_chn[chn].enabled)
             return true;
     return false;
-}
-
-// Frames per second the channel delivers: the camera's rate, reduced by the
-// channel's frame-rate conversion; 0 for an absent camera.
-double delivered_fps(const sim_media& m, int32_t chn)
-{
-    int input = sim_vi_input_of_dev(vi_dev_of_chn(chn));
-    double fps = m.board.camera(sim_cam_base() + input).delivered_fps();
-    const vi_chn_attr_t& a = m.vi_chn[chn].attr;
-    if (a.src_frame_rate > 0)
-        fps = fps * a.frame_rate / a.src_frame_rate;
-    return fps;
 }
 
 }  // namespace
@@ -224,7 +213,7 @@ int32_t HI_MPI_VI_Query(int32_t chn, vi_chn_stat_t* stat)
     const sim_vi_chn& c = m->vi_chn[chn];
     if (!c.enabled)
         return hi_err(k_mod, HI_ERR_NOT_PERM);
-    double fps = delivered_fps(*m, chn);
+    double fps = sim_flow_vi_fps(*m, chn);
     double seconds = static_cast<double>(sim_media_now_us() - c.enabled_us) / 1e6;
     *stat = {};
     stat->enabled = 1;

@@ -1,0 +1,213 @@
+// The media state file of the simulated board.
+#include "platform/sim/media_json.h"
+
+#include <pthread.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdio>
+#include <mutex>
+#include <sstream>
+#include <thread>
+
+#include "platform/sim/board.h"
+#include "platform/sim/media_state.h"
+#include "platform/sim/picture_flow.h"
+#include "platform/sim/venc_producer.h"
+#include "platform/sim/venc_ring.h"
+
+namespace {
+
+// How often the writer looks for changes, and the longest it lets a moving
+// counter go unwritten.
+constexpr auto k_poll = std::chrono::milliseconds(50);
+constexpr auto k_refresh = std::chrono::milliseconds(1000);
+
+const char* b(bool v)
+{
+    return v ? "true" : "false";
+}
+
+void chn_addr(std::ostringstream& o, const mpp_chn_t& c)
+{
+    o << '[' << c.mod_id << ',' << c.dev_id << ',' << c.chn_id << ']';
+}
+
+// Joins list items with commas.
+class list {
+public:
+    explicit list(std::ostringstream& o) : o_(o) {}
+    std::ostringstream& next()
+    {
+        if (!first_)
+            o_ << ',';
+        first_ = false;
+        o_ << "\n  ";
+        return o_;
+    }
+
+private:
+    std::ostringstream& o_;
+    bool first_ = true;
+};
+
+std::string render(const sim_media& m, int64_t now_us, bool* active)
+{
+    std::ostringstream o;
+    o.precision(6);
+    *active = false;
+    o << "{\n\"binds\": [";
+    list binds(o);
+    for (const sim_binding& bd : m.bindings) {
+        binds.next() << "{\"src\": ";
+        chn_addr(o, bd.src);
+        o << ", \"dst\": ";
+        chn_addr(o, bd.dest);
+        o << '}';
+    }
+    o << "],\n\"vi\": [";
+    list vi(o);
+    for (int32_t c = 0; c < VIU_MAX_CHN_NUM; ++c) {
+        const sim_vi_chn& v = m.vi_chn[c];
+        if (!v.enabled)
+            continue;
+        vi.next() << "{\"chn\": " << c << ", \"width\": " << v.attr.dest_size.width
+                  << ", \"height\": " << v.attr.dest_size.height << ", \"fps\": " << sim_flow_vi_fps(m, c) << '}';
+    }
+    o << "],\n\"vpss\": [";
+    list vpss(o);
+    for (int32_t g = 0; g < VPSS_MAX_GRP_NUM; ++g) {
+        const sim_vpss_grp& grp = m.vpss[g];
+        if (!grp.created)
+            continue;
+        uint64_t pictures = sim_flow_vpss_pictures(m, g, now_us);
+        *active |= pictures != 0;
+        vpss.next() << "{\"grp\": " << g << ", \"started\": " << b(grp.started) << ", \"chn\": [";
+        bool first = true;
+        for (int32_t c = 0; c < VPSS_MAX_CHN_NUM; ++c) {
+            if (!grp.chn[c].enabled)
+                continue;
+            o << (first ? "" : ",") << c;
+            first = false;
+        }
+        o << "], \"crop\": {\"enable\": false, \"x\": 0, \"y\": 0, \"width\": 0, \"height\": 0}, \"pictures\": "
+          << pictures << ", \"user_frames\": 0}";
+    }
+    o << "],\n\"venc\": [";
+    list venc(o);
+    for (int32_t c = 0; c < VENC_MAX_CHN_NUM; ++c) {
+        const sim_venc_chn& v = m.venc_chn[c];
+        if (!v.created)
+            continue;
+        const bool h264 = v.attr.payload_type == PT_H264;
+        const uint32_t w = h264 ? v.attr.h264.pic_width : v.attr.jpeg.pic_width;
+        const uint32_t h = h264 ? v.attr.h264.pic_height : v.attr.jpeg.pic_height;
+        const bool producing = sim_venc_producing(c);
+        *active |= producing;
+        venc.next() << "{\"chn\": " << c << ", \"grp\": " << v.grp << ", \"registered\": " << b(v.grp >= 0)
+                    << ", \"receiving\": " << b(v.receiving) << ", \"payload\": " << v.attr.payload_type
+                    << ", \"width\": " << w << ", \"height\": " << h << ", \"gop\": " << (h264 ? v.attr.rc.gop : 0)
+                    << ", \"bitrate_kbps\": " << (h264 ? v.attr.rc.bit_rate : 0)
+                    << ", \"fps_in\": " << (h264 ? v.attr.rc.vi_frm_rate : 0)
+                    << ", \"fps_target\": " << (h264 ? v.attr.rc.target_frm_rate : 0)
+                    << ", \"produced\": " << v.ring->produced() << ", \"dropped\": " << v.ring->dropped()
+                    << ", \"producing\": " << b(producing) << '}';
+    }
+    o << "]\n}\n";
+    return o.str();
+}
+
+// Writes text as path: a temporary file renamed over it.
+void replace_file(const std::string& path, const std::string& text)
+{
+    const std::string tmp = path + ".tmp";
+    FILE* f = std::fopen(tmp.c_str(), "w");
+    if (f == nullptr)
+        return;
+    bool ok = std::fwrite(text.data(), 1, text.size(), f) == text.size();
+    ok = std::fclose(f) == 0 && ok;
+    if (!ok || std::rename(tmp.c_str(), path.c_str()) != 0)
+        unlink(tmp.c_str());
+}
+
+class json_writer {
+public:
+    void start()
+    {
+        path_ = sim_chip_path("media.json");
+        stop_ = false;
+        last_.clear();
+        thread_ = std::thread([this] { run(); });
+    }
+
+    void stop()
+    {
+        {
+            std::lock_guard lock(mutex_);
+            stop_ = true;
+        }
+        cv_.notify_all();
+        if (thread_.joinable())
+            thread_.join();
+    }
+
+private:
+    void run()
+    {
+        pthread_setname_np(pthread_self(), "sim_media_json");
+        uint64_t seen = ~uint64_t{0};
+        bool active = false;
+        auto written = std::chrono::steady_clock::now();
+        std::unique_lock lock(mutex_);
+        while (!stop_) {
+            lock.unlock();
+            const auto now = std::chrono::steady_clock::now();
+            const uint64_t gen = sim_media_generation();
+            if (gen != seen || (active && now - written >= k_refresh)) {
+                seen = gen;
+                std::string text;
+                {
+                    media_access m(media_access::read);
+                    text = render(*m, sim_media_now_us(), &active);
+                }
+                if (text != last_) {
+                    replace_file(path_, text);
+                    last_ = std::move(text);
+                }
+                written = now;
+            }
+            lock.lock();
+            cv_.wait_for(lock, k_poll, [this] { return stop_; });
+        }
+    }
+
+    std::string path_;
+    std::string last_;
+    std::mutex mutex_;
+    std::condition_variable cv_;
+    bool stop_ = false;
+    std::thread thread_;
+};
+
+json_writer g_writer;
+
+}  // namespace
+
+int sim_media_json_open(std::string*)
+{
+    g_writer.start();
+    return 0;
+}
+
+void sim_media_json_close()
+{
+    g_writer.stop();
+}
+
+std::string sim_media_json_text()
+{
+    bool active = false;
+    media_access m(media_access::read);
+    return render(*m, sim_media_now_us(), &active);
+}

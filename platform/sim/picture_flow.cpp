@@ -1,0 +1,91 @@
+// Picture flow bookkeeping of the simulated media core.
+#include "platform/sim/picture_flow.h"
+
+#include <algorithm>
+
+#include "platform/sim/board.h"
+
+namespace {
+
+const sim_binding* source_of(const sim_media& m, const mpp_chn_t& dest)
+{
+    for (const sim_binding& b : m.bindings)
+        if (sim_same_chn(b.dest, dest))
+            return &b;
+    return nullptr;
+}
+
+// The capture channel feeding processing group grp's input, or -1.
+int32_t vi_of_group(const sim_media& m, int32_t grp)
+{
+    const sim_binding* b = source_of(m, {HI_ID_VPSS, grp, 0});
+    if (b == nullptr || b->src.mod_id != HI_ID_VI || b->src.chn_id < 0 || b->src.chn_id >= VIU_MAX_CHN_NUM)
+        return -1;
+    return b->src.chn_id;
+}
+
+}  // namespace
+
+double sim_flow_vi_fps(const sim_media& m, int32_t chn)
+{
+    if (chn < 0 || chn >= VIU_MAX_CHN_NUM)
+        return 0;
+    int input = sim_vi_input_of_dev(vi_dev_of_chn(chn));
+    double fps = m.board.camera(sim_cam_base() + input).delivered_fps();
+    const vi_chn_attr_t& a = m.vi_chn[chn].attr;
+    if (a.src_frame_rate > 0)
+        fps = fps * a.frame_rate / a.src_frame_rate;
+    return fps;
+}
+
+sim_flow_source sim_flow_venc_source(const sim_media& m, int32_t venc_chn)
+{
+    sim_flow_source s;
+    if (venc_chn < 0 || venc_chn >= VENC_MAX_CHN_NUM)
+        return s;
+    const sim_venc_chn& c = m.venc_chn[venc_chn];
+    if (!c.created || c.grp < 0)
+        return s;
+    const sim_binding* b = source_of(m, {HI_ID_GROUP, c.grp, 0});
+    if (b == nullptr || b->src.mod_id != HI_ID_VPSS)
+        return s;
+    int32_t grp = b->src.dev_id, out = b->src.chn_id;
+    if (grp < 0 || grp >= VPSS_MAX_GRP_NUM || out < 0 || out >= VPSS_MAX_CHN_NUM)
+        return s;
+    const sim_vpss_grp& g = m.vpss[grp];
+    if (!g.created || !g.started || !g.chn[out].enabled)
+        return s;
+    int32_t vi = vi_of_group(m, grp);
+    if (vi < 0 || !m.vi_chn[vi].enabled || !m.vi_dev[vi_dev_of_chn(vi)].enabled)
+        return s;
+    s.input = sim_vi_input_of_dev(vi_dev_of_chn(vi));
+    s.camera = sim_cam_base() + s.input;
+    s.scene = m.board.camera(s.camera).scene;
+    s.fps = sim_flow_vi_fps(m, vi);
+    s.live = s.fps > 0;
+    return s;
+}
+
+double sim_flow_venc_fps(const sim_media& m, int32_t venc_chn, double src_fps)
+{
+    const venc_rc_attr_t& rc = m.venc_chn[venc_chn].attr.rc;
+    if (rc.vi_frm_rate == 0 || rc.target_frm_rate == 0)
+        return src_fps;
+    // The channel keeps target of every vi_frm_rate pictures it receives, and
+    // never more than its target rate. The group's own rates say the same
+    // for the system's channels and are not applied a second time.
+    return std::min(src_fps * rc.target_frm_rate / rc.vi_frm_rate, static_cast<double>(rc.target_frm_rate));
+}
+
+uint64_t sim_flow_vpss_pictures(const sim_media& m, int32_t grp, int64_t now_us)
+{
+    if (grp < 0 || grp >= VPSS_MAX_GRP_NUM)
+        return 0;
+    const sim_vpss_grp& g = m.vpss[grp];
+    int32_t vi = vi_of_group(m, grp);
+    if (!g.created || !g.started || vi < 0 || !m.vi_chn[vi].enabled)
+        return 0;
+    int64_t since = std::max(g.started_us, m.vi_chn[vi].enabled_us);
+    double fps = sim_flow_vi_fps(m, vi);
+    return now_us > since ? static_cast<uint64_t>(static_cast<double>(now_us - since) * fps / 1e6) : 0;
+}

@@ -1,0 +1,90 @@
+// The test scene of the simulated cameras.
+#include "platform/sim/scene.h"
+
+#include <algorithm>
+#include <cstddef>
+#include <cstring>
+#include <string>
+
+namespace {
+
+// Block digits, 5 columns by 7 rows, one bit per column (bit 4 leftmost).
+constexpr uint8_t k_digits[10][7] = {
+    {0x0E, 0x11, 0x13, 0x15, 0x19, 0x11, 0x0E}, {0x04, 0x0C, 0x04, 0x04, 0x04, 0x04, 0x0E},
+    {0x0E, 0x11, 0x01, 0x02, 0x04, 0x08, 0x1F}, {0x1F, 0x02, 0x04, 0x02, 0x01, 0x11, 0x0E},
+    {0x02, 0x06, 0x0A, 0x12, 0x1F, 0x02, 0x02}, {0x1F, 0x10, 0x1E, 0x01, 0x01, 0x11, 0x0E},
+    {0x06, 0x08, 0x10, 0x1E, 0x11, 0x11, 0x0E}, {0x1F, 0x01, 0x02, 0x04, 0x08, 0x08, 0x08},
+    {0x0E, 0x11, 0x11, 0x0E, 0x11, 0x11, 0x0E}, {0x0E, 0x11, 0x11, 0x0F, 0x01, 0x02, 0x0C},
+};
+
+constexpr uint8_t k_digit_luma = SIM_SCENE_LUMA_MAX;
+
+// Background luma: a soft diagonal ramp, 56 .. 120.
+uint8_t background(int x, int y, int w, int h)
+{
+    int ramp = (x * 32 / std::max(w, 1)) + (y * 32 / std::max(h, 1));
+    return static_cast<uint8_t>(56 + ramp);
+}
+
+// Whether (x, y) lies on a stroke of the number, drawn in the upper left
+// quarter: digits of 6 x 9 cells (a blank column and a margin row), as large
+// as the quarter allows.
+bool on_number(const std::string& text, int x, int y, int w, int h)
+{
+    int n = static_cast<int>(text.size());
+    int cell = std::max(1, std::min(w / 2 / (6 * n + 1), h / 2 / 9));
+    int cx = x / cell - 1, cy = y / cell - 1;
+    if (cx < 0 || cy < 0 || cy >= 7 || cx >= 6 * n)
+        return false;
+    int col = cx % 6;
+    if (col == 5)
+        return false;
+    uint8_t row = k_digits[text[cx / 6] - '0'][cy];
+    return (row >> (4 - col)) & 1;
+}
+
+}  // namespace
+
+int sim_scene_bar_width(int w)
+{
+    return std::max(1, w / 8);
+}
+
+int sim_scene_bar_x(sim_scene kind, int64_t t_us, int w)
+{
+    int span = w - sim_scene_bar_width(w);
+    if (kind != sim_scene::moving)
+        return span / 2;
+    int64_t phase = ((t_us % SIM_SCENE_SWEEP_US) + SIM_SCENE_SWEEP_US) % SIM_SCENE_SWEEP_US;
+    return static_cast<int>(phase * span / SIM_SCENE_SWEEP_US);
+}
+
+bool sim_scene_render(int camera, sim_scene kind, int64_t t_us, const sim_picture& pic)
+{
+    if (kind == sim_scene::absent)
+        return false;
+    const std::string text = std::to_string(std::max(camera, 0));
+    const int w = pic.width, h = pic.height;
+    const int bar_x = sim_scene_bar_x(kind, t_us, w), bar_end = bar_x + sim_scene_bar_width(w);
+    for (int y = 0; y < h; ++y) {
+        uint8_t* row = pic.y + static_cast<std::ptrdiff_t>(y) * pic.y_stride;
+        for (int x = 0; x < w; ++x)
+            row[x] = x >= bar_x && x < bar_end ? SIM_SCENE_BAR_LUMA
+                     : on_number(text, x, y, w, h) ? k_digit_luma
+                                                   : background(x, y, w, h);
+    }
+    // Chroma: a tint of the camera's own (so cameras differ in colour too),
+    // neutral on the bar.
+    const uint8_t tint_cb = static_cast<uint8_t>(112 + (camera * 37) % 32);
+    const uint8_t tint_cr = static_cast<uint8_t>(112 + (camera * 53) % 32);
+    for (int y = 0; y < (h + 1) / 2; ++y) {
+        uint8_t* cb = pic.cb + static_cast<std::ptrdiff_t>(y) * pic.c_stride;
+        uint8_t* cr = pic.cr + static_cast<std::ptrdiff_t>(y) * pic.c_stride;
+        for (int x = 0; x < (w + 1) / 2; ++x) {
+            bool bar = 2 * x >= bar_x && 2 * x < bar_end;
+            cb[x * pic.c_step] = bar ? 128 : tint_cb;
+            cr[x * pic.c_step] = bar ? 128 : tint_cr;
+        }
+    }
+    return true;
+}
