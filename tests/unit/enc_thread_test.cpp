@@ -69,4 +69,36 @@ TEST_F(enc_thread_test, idle_thread_beats_and_applies_a_queued_update)
     EXPECT_FALSE(sim_media_venc_chn(25).created);
 }
 
+TEST_F(enc_thread_test, frames_of_a_recording_stream_reach_the_record_queue)
+{
+    start();
+    record_camera(0);
+    // A buffer is handed over once a frame lies more than a second after its first.
+    ASSERT_TRUE(within(8000, [&] { return queued(cal_.msgid_encr) >= 1; }));
+    tx_msg_t m;
+    ASSERT_GE(os_msgrcv(cal_.msgid_encr, &m, TX_MSG_BODY_SIZE, 0, IPC_NOWAIT), 0);
+    ebuf_t* eb = m.encr.ebuf;
+    ASSERT_GT(eb->num_mmd, 0);
+    EXPECT_EQ(eb->mmd[0].cam, 8);
+    EXPECT_EQ(eb->mmd[0].width, 704);
+    EXPECT_EQ(eb->mmd[0].key, 1);  // a stream begins at a key frame
+    EXPECT_GT(eb->buf_off, 0);
+    ebuf_free(eb);
+}
+
+TEST_F(enc_thread_test, failing_reads_end_the_pass_and_the_thread_goes_on)
+{
+    std::string err;
+    ASSERT_EQ(sim_fault_set("HI_MPI_VENC_GetStream=a007800e", &err), 0) << err;
+    start();
+    record_camera(1);
+    ASSERT_TRUE(within(3000, [&] { return sim_fault_calls(SIM_OP_HI_MPI_VENC_GetStream) >= 3; }));
+    const int heart = kel_thread_heart(enc()->thread_enc);
+    EXPECT_TRUE(within(3000, [&] { return kel_thread_heart(enc()->thread_enc) > heart + 2; }));
+    EXPECT_EQ(queued(cal_.msgid_encr), 0);
+    // Back to normal: frames flow again.
+    ASSERT_EQ(sim_fault_set("HI_MPI_VENC_ReleaseStream@2=a0078009", &err), 0) << err;
+    EXPECT_TRUE(within(8000, [&] { return queued(cal_.msgid_encr) >= 1; }));
+}
+
 }  // namespace
