@@ -38,8 +38,8 @@ int command_cam(cal_t* cal, const cal_enc_t* enc, int64_t cam, const char* what)
 {
     int ch = cal_local_cam(cal, cam);
     if (ch < 0 || ch >= enc->num) {
-        TRACE("%s cam:%lld is not one of cameras %d .. %d: refused\n", what, static_cast<long long>(cam),
-              cal->cam_base, cal->cam_base + enc->num - 1);
+        TRACE("%s cam:%lld is not one of the %d cameras from %d: refused\n", what, static_cast<long long>(cam),
+              enc->num, cal->cam_base);
         return -1;
     }
     return ch;

@@ -1,8 +1,8 @@
 // Encoder channel building: from a stream's settings to an encoder group
 // and channel bound to its processing group, and their teardown.
 #include <algorithm>
+#include <array>
 #include <climits>
-#include <utility>
 
 #include "cal/cal.h"
 #include "cal/cal_log.h"
@@ -67,48 +67,53 @@ void _enc_exit_stream_chn(cal_enc_t* enc, int v)
     enc->chn[v].fd = -1;
 }
 
+namespace {
+
+// Camera ch's streams in the order an update tears them down and builds
+// them, with the lines that tell how the build went.
+struct stream_step {
+    cal_enc_stream_t* s;
+    int kind;
+    const char* ok;
+    const char* failed;
+};
+
+std::array<stream_step, 4> update_order(cal_enc_t* enc, int ch)
+{
+    return {{
+        {&enc->rec[ch], ENC_KIND_REC, "ch:%d recoding success!!\n", "ch:%d recoding failure!!\n"},
+        {&enc->net[ch], ENC_KIND_NET, "ch:%d network high success..\n", "ch:%d network high failure..\n"},
+        {&enc->net_low[ch], ENC_KIND_NET_LOW, "ch:%d network low success..\n", "ch:%d network low failure..\n"},
+        {&enc->rec_low[ch], ENC_KIND_REC_LOW, "ch:%d rec low success..\n", "ch:%d rec low failure..\n"},
+    }};
+}
+
+}  // namespace
+
 int _update_chip(cal_t* cal, int, uint64_t)
 {
     cal_enc_t* enc = enc_of(cal);
     const int n = enc->num;
-    struct stream_kind {
-        cal_enc_stream_t* rec;
-        int kind;
-        const char* ok;
-        const char* failed;
-    };
     for (int ch = 0; ch < n; ++ch) {
         if (ebuf_t* eb = enc->ebuf[ch]) {
             enc->ebuf[ch] = nullptr;
             cal_notify_ebuf(cal, eb);
         }
-        const std::pair<const cal_enc_stream_t*, int> streams[] = {
-            {&enc->rec[ch], ENC_KIND_REC},
-            {&enc->net[ch], ENC_KIND_NET},
-            {&enc->net_low[ch], ENC_KIND_NET_LOW},
-            {&enc->rec_low[ch], ENC_KIND_REC_LOW},
-        };
-        for (auto [s, kind] : streams)
-            if (s->changed)
-                _enc_exit_stream_chn(enc, enc_chn_of(kind, ch, n));
+        for (const stream_step& st : update_order(enc, ch))
+            if (st.s->changed)
+                _enc_exit_stream_chn(enc, enc_chn_of(st.kind, ch, n));
     }
     for (int ch = 0; ch < n; ++ch) {
-        const stream_kind order[] = {
-            {&enc->rec[ch], ENC_KIND_REC, "ch:%d recoding success!!\n", "ch:%d recoding failure!!\n"},
-            {&enc->net[ch], ENC_KIND_NET, "ch:%d network high success..\n", "ch:%d network high failure..\n"},
-            {&enc->net_low[ch], ENC_KIND_NET_LOW, "ch:%d network low success..\n", "ch:%d network low failure..\n"},
-            {&enc->rec_low[ch], ENC_KIND_REC_LOW, "ch:%d rec low success..\n", "ch:%d rec low failure..\n"},
-        };
-        for (const stream_kind& k : order) {
-            if (!k.rec->changed)
+        for (const stream_step& st : update_order(enc, ch)) {
+            if (!st.s->changed)
                 continue;
-            if (k.rec->on) {
+            if (st.s->on) {
                 // The time overlay attaches to the main recording channel
                 // here once it joins.
-                int r = _process_start(cal, ch, k.kind);
-                cal_log(7, __func__, __LINE__, r == 0 ? k.ok : k.failed, ch);
+                int r = _process_start(cal, ch, st.kind);
+                cal_log(7, __func__, __LINE__, r == 0 ? st.ok : st.failed, ch);
             }
-            k.rec->changed = 0;
+            st.s->changed = 0;
         }
     }
     return 0;
