@@ -92,10 +92,11 @@ bool encode_all(const sim_loop_key& key, int bps, std::vector<coded_au>* out)
     std::vector<uint8_t> yuv(static_cast<size_t>(w) * h + 2 * static_cast<size_t>(cw) * ch);
     sim_picture pic{w, h, yuv.data(), w, yuv.data() + w * h, yuv.data() + w * h + cw * ch, cw, 1};
     const uint32_t frames = sim_loop_frames(key);
+    const sim_scene_painter painter(key.camera, key.scene, w, h);
     out->assign(frames, {});
     for (uint32_t i = 0; i < frames; ++i) {
         int64_t t_us = static_cast<int64_t>(i) * 1000000000 / key.mfps;
-        sim_scene_render(key.camera, key.scene, t_us, pic);
+        painter.render(t_us, pic);
         SSourcePicture src{};
         src.iColorFormat = videoFormatI420;
         src.iPicWidth = w;
@@ -171,7 +172,7 @@ bool sim_h264_encode(const sim_loop_key& key, sim_h264_loop* loop)
     // What the loop should hold: the channel's rate over its length, less the
     // SEI each access unit carries live.
     const double seconds = frames * 1000.0 / key.mfps;
-    const double target = key.kbps * 1000.0 / 8.0 * seconds - static_cast<double>(frames) * SIM_SEI_MAX;
+    const double target = key.kbps * 1000.0 / 8.0 * seconds - static_cast<double>(frames) * SIM_SEI_PLAIN;
     std::vector<coded_au> aus;
     int bps = static_cast<int>(key.kbps * 1000);
     for (int attempt = 0;; ++attempt) {

@@ -117,11 +117,6 @@ uint32_t sim_loop_frames(const sim_loop_key& key)
     return static_cast<uint32_t>(std::min<uint64_t>(gops * key.gop, 4096));
 }
 
-bool sim_h264_available()
-{
-    return sim_h264_codec_available();
-}
-
 std::shared_ptr<const sim_h264_loop> sim_h264_loop_make(const sim_loop_key& key, const std::string& cache_dir,
                                                         sim_loop_made* made)
 {

@@ -58,8 +58,6 @@ struct sim_loop_made {
     int64_t encode_us = 0;  // time spent encoding (0 from the cache)
 };
 
-bool sim_h264_available();
-
 // The loop for key, read from cache_dir when there, else encoded and stored
 // there. nullptr when it cannot be made.
 std::shared_ptr<const sim_h264_loop> sim_h264_loop_make(const sim_loop_key& key, const std::string& cache_dir,

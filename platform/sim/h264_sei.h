@@ -14,9 +14,10 @@
 
 inline constexpr char SIM_SEI_UUID[17] = "tarvo-sim-frame1";
 inline constexpr size_t SIM_SEI_PAYLOAD = 36;
-// Start code, header, type, size, payload with every byte escaped at worst,
-// trailing bits.
-inline constexpr size_t SIM_SEI_MAX = 4 + 1 + 2 + SIM_SEI_PAYLOAD * 3 / 2 + 1;
+// Start code, header, then type, size, payload and trailing bits: the length
+// without escapes, and at most (an escape after every two of those bytes).
+inline constexpr size_t SIM_SEI_PLAIN = 4 + 1 + 2 + SIM_SEI_PAYLOAD + 1;
+inline constexpr size_t SIM_SEI_MAX = 4 + 1 + (2 + SIM_SEI_PAYLOAD + 1) * 3 / 2 + 1;
 
 struct sim_sei {
     uint32_t camera;

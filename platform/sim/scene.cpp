@@ -59,32 +59,50 @@ int sim_scene_bar_x(sim_scene kind, int64_t t_us, int w)
     return static_cast<int>(phase * span / SIM_SCENE_SWEEP_US);
 }
 
-bool sim_scene_render(int camera, sim_scene kind, int64_t t_us, const sim_picture& pic)
+sim_scene_painter::sim_scene_painter(int camera, sim_scene kind, int width, int height)
+    : kind_(kind),
+      width_(width),
+      height_(height),
+      // Chroma: a tint of the camera's own, so cameras differ in colour too.
+      tint_cb_(static_cast<uint8_t>(112 + (camera * 37) % 32)),
+      tint_cr_(static_cast<uint8_t>(112 + (camera * 53) % 32))
 {
-    if (kind == sim_scene::absent)
-        return false;
+    if (kind == sim_scene::absent || width <= 0 || height <= 0)
+        return;
     const std::string text = std::to_string(std::max(camera, 0));
-    const int w = pic.width, h = pic.height;
-    const int bar_x = sim_scene_bar_x(kind, t_us, w), bar_end = bar_x + sim_scene_bar_width(w);
+    luma_.resize(static_cast<size_t>(width) * height);
+    for (int y = 0; y < height; ++y)
+        for (int x = 0; x < width; ++x)
+            luma_[static_cast<size_t>(y) * width + x] =
+                on_number(text, x, y, width, height) ? k_digit_luma : background(x, y, width, height);
+}
+
+bool sim_scene_painter::render(int64_t t_us, const sim_picture& pic) const
+{
+    if (luma_.empty())
+        return false;
+    const int w = width_, h = height_;
+    const int bar_x = sim_scene_bar_x(kind_, t_us, w), bar_w = sim_scene_bar_width(w);
     for (int y = 0; y < h; ++y) {
         uint8_t* row = pic.y + static_cast<std::ptrdiff_t>(y) * pic.y_stride;
-        for (int x = 0; x < w; ++x)
-            row[x] = x >= bar_x && x < bar_end ? SIM_SCENE_BAR_LUMA
-                     : on_number(text, x, y, w, h) ? k_digit_luma
-                                                   : background(x, y, w, h);
+        std::memcpy(row, luma_.data() + static_cast<size_t>(y) * w, w);
+        std::memset(row + bar_x, SIM_SCENE_BAR_LUMA, bar_w);
     }
-    // Chroma: a tint of the camera's own (so cameras differ in colour too),
-    // neutral on the bar.
-    const uint8_t tint_cb = static_cast<uint8_t>(112 + (camera * 37) % 32);
-    const uint8_t tint_cr = static_cast<uint8_t>(112 + (camera * 53) % 32);
+    // Neutral chroma on the bar.
+    const int c_begin = bar_x / 2, c_end = (bar_x + bar_w + 1) / 2;
     for (int y = 0; y < (h + 1) / 2; ++y) {
         uint8_t* cb = pic.cb + static_cast<std::ptrdiff_t>(y) * pic.c_stride;
         uint8_t* cr = pic.cr + static_cast<std::ptrdiff_t>(y) * pic.c_stride;
         for (int x = 0; x < (w + 1) / 2; ++x) {
-            bool bar = 2 * x >= bar_x && 2 * x < bar_end;
-            cb[x * pic.c_step] = bar ? 128 : tint_cb;
-            cr[x * pic.c_step] = bar ? 128 : tint_cr;
+            bool bar = x >= c_begin && x < c_end;
+            cb[x * pic.c_step] = bar ? 128 : tint_cb_;
+            cr[x * pic.c_step] = bar ? 128 : tint_cr_;
         }
     }
     return true;
+}
+
+bool sim_scene_render(int camera, sim_scene kind, int64_t t_us, const sim_picture& pic)
+{
+    return sim_scene_painter(camera, kind, pic.width, pic.height).render(t_us, pic);
 }

@@ -10,6 +10,7 @@
 #pragma once
 
 #include <cstdint>
+#include <vector>
 
 #include "platform/sim/board_conf.h"
 
@@ -36,6 +37,22 @@ struct sim_picture {
 int sim_scene_bar_x(sim_scene kind, int64_t t_us, int w);
 int sim_scene_bar_width(int w);
 
-// Renders camera `camera`'s scene. An absent camera renders nothing and
-// returns false.
+// One camera's scene at one size: the still part is drawn once, so that
+// each picture is row copies and the bar.
+class sim_scene_painter {
+public:
+    sim_scene_painter(int camera, sim_scene kind, int width, int height);
+
+    // Renders the picture at t_us into pic (of the painter's size). An absent
+    // camera renders nothing and answers false.
+    bool render(int64_t t_us, const sim_picture& pic) const;
+
+private:
+    sim_scene kind_;
+    int width_, height_;
+    std::vector<uint8_t> luma_;  // the still part, width_ per row
+    uint8_t tint_cb_, tint_cr_;
+};
+
+// Renders camera `camera`'s scene once (a painter for one picture).
 bool sim_scene_render(int camera, sim_scene kind, int64_t t_us, const sim_picture& pic);

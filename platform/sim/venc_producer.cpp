@@ -3,14 +3,19 @@
 #include "platform/sim/venc_producer.h"
 
 #include <pthread.h>
+#include <sys/resource.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cmath>
+#include <cstdio>
 #include <condition_variable>
 #include <deque>
 #include <functional>
 #include <tuple>
+#include <vector>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -84,12 +89,25 @@ public:
         return it->second.loop;
     }
 
+    // Lets go of the ready loops that no channel plays (they stay in the
+    // cache directory).
+    void keep_only(const std::vector<sim_loop_key>& in_use)
+    {
+        std::lock_guard lock(mutex_);
+        std::erase_if(loops_, [&](const auto& e) {
+            return e.second.loop != nullptr && std::find(in_use.begin(), in_use.end(), e.first) == in_use.end();
+        });
+    }
+
     sim_venc_loop_counts counts() const { return {encoded_.load(), cached_.load()}; }
 
 private:
     void run()
     {
         pthread_setname_np(pthread_self(), "sim_venc_loop");
+        // Encoding is the one costly thing the simulator does: it yields the
+        // processor to the slave's own threads (this thread's nice value only).
+        setpriority(PRIO_PROCESS, static_cast<id_t>(gettid()), 10);
         std::unique_lock lock(mutex_);
         while (true) {
             cv_.wait(lock, [this] { return stop_ || !queue_.empty(); });
@@ -102,6 +120,9 @@ private:
             auto loop = sim_h264_loop_make(key, cache_dir_, &made);
             if (loop != nullptr)
                 (made.from_cache ? cached_ : encoded_).fetch_add(1);
+            if (loop != nullptr && !made.from_cache)
+                std::fprintf(stderr, "sim: encoded %s in %lld ms\n", key.file_name().c_str(),
+                             static_cast<long long>(made.encode_us / 1000));
             lock.lock();
             loop_entry& e = loops_[key];
             e.loop = std::move(loop);
@@ -136,7 +157,7 @@ struct play {
     std::shared_ptr<sim_venc_ring> ring;
     uint32_t pos = 0;        // next access unit of the loop
     uint32_t seq = 0;        // sequence number of the next access unit
-    bool timed = false;      // start_us/base are set
+    bool playing = false;    // on with a loop: start_us and base hold
     int64_t start_us = 0;    // monotonic time of access unit `base`
     uint32_t base = 0;
 };
@@ -212,13 +233,14 @@ private:
     void plan()
     {
         const int64_t now = sim_media_now_us();
+        std::vector<sim_loop_key> in_use;
         media_access m(media_access::read);
         for (int32_t chn = 0; chn < VENC_MAX_CHN_NUM; ++chn) {
             const sim_venc_chn& c = m->venc_chn[chn];
             play& p = plays_[chn];
-            bool was_on = p.on && p.loop != nullptr;
             if (!c.created || !c.receiving || c.attr.payload_type != PT_H264) {
                 p.on = false;
+                p.playing = false;
                 p.ring.reset();
                 p.loop.reset();
                 producing_[chn] = false;
@@ -234,7 +256,7 @@ private:
             double fps = src.live ? sim_flow_venc_fps(*m, chn, src.fps) : 0;
             p.on = src.live && fps > 0;
             if (!p.on) {
-                p.timed = false;
+                p.playing = false;
                 producing_[chn] = false;
                 continue;
             }
@@ -248,26 +270,28 @@ private:
             key.kbps = c.attr.rc.bit_rate;
             key.mfps = static_cast<uint32_t>(std::lround(fps * 1000));
             if (!(key == p.key) || p.loop == nullptr) {
+                // A new configuration keeps the old loop playing until its own
+                // is ready, then starts it from its first (IDR) picture.
                 auto loop = maker_.get(key);
-                if (!(key == p.key) || loop != nullptr) {
-                    // Another loop starts from its first (IDR) picture.
+                if (loop != nullptr || p.loop == nullptr) {
+                    p.key = key;
+                    p.loop = std::move(loop);
                     p.pos = 0;
-                    p.timed = false;
                 }
-                p.key = key;
-                p.loop = std::move(loop);
             }
-            if (p.fps != fps)
-                p.timed = false;
-            p.fps = fps;
-            p.camera = src.camera;
-            if (!p.timed || !was_on) {
-                p.timed = true;
+            const bool was_playing = p.playing;
+            p.playing = p.loop != nullptr;
+            if (p.playing && (!was_playing || p.fps != fps)) {
+                // The cadence starts (again) now.
                 p.start_us = now;
                 p.base = p.seq;
             }
+            p.fps = fps;
+            p.camera = src.camera;
+            in_use.push_back(p.key);
             producing_[chn] = p.loop != nullptr;
         }
+        maker_.keep_only(in_use);
     }
 
     // Puts every access unit whose time has come; returns when the next one
@@ -278,13 +302,8 @@ private:
         int64_t wake = now + k_max_sleep_us;
         for (int32_t chn = 0; chn < VENC_MAX_CHN_NUM; ++chn) {
             play& p = plays_[chn];
-            if (!p.on || p.loop == nullptr || p.ring == nullptr)
+            if (!p.on || !p.playing)
                 continue;
-            if (!p.timed) {
-                p.timed = true;
-                p.start_us = now;
-                p.base = p.seq;
-            }
             const double period = 1e6 / p.fps;
             while (true) {
                 int64_t due = p.start_us + static_cast<int64_t>(std::llround((p.seq - p.base) * period));

@@ -3,13 +3,17 @@
 // channel fed by a live capture chain produces (its order, sequence, drops)
 // with media.json describing it.
 #include <gtest/gtest.h>
+#include <dirent.h>
+#include <sys/stat.h>
 #include <sys/select.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
 #include <functional>
 #include <cstring>
 #include <fstream>
+#include <sstream>
 #include <thread>
 #include <vector>
 
@@ -378,6 +382,177 @@ TEST_F(sim_channel_test, media_json_is_replaced_whole_within_100_ms_of_a_change)
     reader.join();
     EXPECT_GT(reads.load(), 10);
     EXPECT_EQ(torn.load(), 0);
+}
+
+TEST_F(sim_channel_test, a_channel_without_a_live_source_produces_nothing)
+{
+    start_chain(small_attr(4096, 15));
+    ASSERT_TRUE(wait_for([] { return sim_venc_producing(k_venc); }));
+    // The chain broken between the processing group and the encoder group.
+    mpp_chn_t out{HI_ID_VPSS, k_vpss, 1}, group{HI_ID_GROUP, k_venc, 0};
+    ASSERT_EQ(HI_MPI_SYS_UnBind(&out, &group), 0);
+    ASSERT_TRUE(wait_for([] { return !sim_venc_producing(k_venc); }, 1s));
+    venc_chn_stat_t before{}, after{};
+    std::this_thread::sleep_for(50ms);
+    ASSERT_EQ(HI_MPI_VENC_Query(k_venc, &before), 0);
+    std::this_thread::sleep_for(200ms);
+    ASSERT_EQ(HI_MPI_VENC_Query(k_venc, &after), 0);
+    EXPECT_EQ(after.left_stream_frames, before.left_stream_frames);
+
+    // An absent camera delivers nothing, whatever is bound.
+    std::ofstream(board_.file("board.conf")) << "camera 8 1920x1080 p 30 absent\n";
+    reopen_media("");
+    sim_set_cam_base(8);
+    start_chain(small_attr(4096, 15));
+    std::this_thread::sleep_for(300ms);
+    EXPECT_FALSE(sim_venc_producing(k_venc));
+    EXPECT_NE(sim_media_json_text().find("{\"chn\": 0, \"width\": 1920, \"height\": 1080, \"fps\": 0}"), std::string::npos);
+}
+
+TEST_F(sim_channel_test, a_new_bit_rate_while_receiving_keeps_the_sequence_and_starts_its_loop_with_a_key_frame)
+{
+    venc_chn_attr_t attr = small_attr(16384, 15);
+    start_chain(attr);
+    ASSERT_TRUE(wait_for([] { return sim_venc_producing(k_venc); }));
+    received r;
+    for (uint32_t i = 0; i < 4; ++i) {
+        ASSERT_TRUE(take(&r));
+        ASSERT_EQ(r.sei.seq, i);
+    }
+    attr.rc.bit_rate = 120;
+    ASSERT_EQ(HI_MPI_VENC_SetChnAttr(k_venc, &attr), 0);
+    // The old loop goes on until the new one is made; the sequence has no
+    // gap across the change and a key frame follows the new loop's making.
+    uint32_t seq = 3;
+    bool switched = false;
+    for (int i = 0; i < 30 && !switched; ++i) {
+        ASSERT_TRUE(take(&r));
+        ASSERT_EQ(r.sei.seq, ++seq);
+        switched = sim_venc_loops_made().encoded == 2 && r.types.front() == H264E_NALU_SPS;
+    }
+    EXPECT_TRUE(switched);
+}
+
+// CPU time (user + system, in clock ticks) of this process's threads whose
+// names begin with "sim".
+long sim_thread_ticks()
+{
+    long ticks = 0;
+    DIR* dir = opendir("/proc/self/task");
+    while (dirent* e = dir != nullptr ? readdir(dir) : nullptr) {
+        if (e->d_name[0] == '.')
+            continue;
+        std::string base = std::string("/proc/self/task/") + e->d_name;
+        if (read_file(base + "/comm").rfind("sim", 0) != 0)
+            continue;
+        std::string stat = read_file(base + "/stat");
+        std::istringstream in(stat.substr(stat.rfind(')') + 2));
+        std::string field;
+        long utime = 0, stime = 0;
+        for (int i = 3; i <= 15 && in >> field; ++i) {
+            if (i == 14)
+                utime = std::stol(field);
+            if (i == 15)
+                stime = std::stol(field);
+        }
+        ticks += utime + stime;
+    }
+    if (dir != nullptr)
+        closedir(dir);
+    return ticks;
+}
+
+// A recorder's load: 8 cameras, each with 1080p30 at 4714 kbit/s, 704 x 576
+// at 15 fps and 352 x 288 at 15 fps, collected as the slave does. Measures
+// the loops' making and the simulator's own CPU share while they play.
+// Slow (it encodes 24 loops on a fresh board): run on demand with
+// --gtest_also_run_disabled_tests.
+TEST_F(sim_channel_test, DISABLED_load_of_a_recorder_costs_the_simulator_little)
+{
+    const vi_dev_attr_t dev = M_CHIP_VI_ATTR_7441_INTERLEAVED_1080P;
+    const vi_chn_attr_t vi{{0, 0, 1920, 1080}, {1920, 1080}, VI_CAPSEL_BOTH, PIXEL_FORMAT_YUV_SEMIPLANAR_420, 0, 0, 0, -1, -1};
+    const vpss_grp_attr_t grp{1920, 1080, PIXEL_FORMAT_YUV_SEMIPLANAR_420, 0, 0, 0, 0, 0, 0};
+    const vpss_chn_attr_t chn{0, 0, {0, 0, 0, 0}, {0, 0, 0, 0}};
+    struct stream {
+        uint32_t w, h, fps, kbps, gop;
+    } const streams[3] = {{1920, 1080, 30, 4714, 16}, {704, 576, 15, 900, 12}, {352, 288, 15, 300, 12}};
+    // Loops kept between runs of this measurement.
+    mkdir("/tmp/tarvo-sim-load-cache", 0777);
+    ASSERT_EQ(symlink("/tmp/tarvo-sim-load-cache", board_.file("cache").c_str()), 0);
+    std::vector<int> fds(24);
+    for (int c = 0; c < 8; ++c) {
+        mpp_chn_t src{HI_ID_VI, 0, 2 * c}, in{HI_ID_VPSS, c, 0};
+        ASSERT_TRUE(HI_MPI_VI_SetDevAttr(c, &dev) == 0 && HI_MPI_VI_EnableDev(c) == 0 &&
+                    HI_MPI_VI_SetChnAttr(2 * c, &vi) == 0 && HI_MPI_VI_EnableChn(2 * c) == 0);
+        ASSERT_TRUE(HI_MPI_VPSS_CreateGrp(c, &grp) == 0 && HI_MPI_VPSS_StartGrp(c) == 0 && HI_MPI_SYS_Bind(&src, &in) == 0);
+        for (int k = 0; k < 3; ++k) {
+            const stream& st = streams[k];
+            int v = c + 8 * k;
+            venc_chn_attr_t a{};
+            a.payload_type = PT_H264;
+            a.h264 = {st.w, st.h, st.w * st.h / 4 * 3, 2, 1, 0, 1, 0, 0, st.w, st.h};
+            a.rc = {VENC_RC_MODE_H264AVBR, st.gop, 5, 30, st.fps, st.kbps, 2};
+            mpp_chn_t out{HI_ID_VPSS, c, k + 1}, group{HI_ID_GROUP, v, 0};
+            ASSERT_TRUE(HI_MPI_VPSS_SetChnAttr(c, k + 1, &chn) == 0 && HI_MPI_VPSS_EnableChn(c, k + 1) == 0 &&
+                        HI_MPI_SYS_Bind(&out, &group) == 0);
+            ASSERT_TRUE(HI_MPI_VENC_CreateGroup(v) == 0 && HI_MPI_VENC_CreateChn(v, &a) == 0 &&
+                        HI_MPI_VENC_RegisterChn(v, v) == 0 && HI_MPI_VENC_StartRecvPic(v) == 0);
+            fds[v] = HI_MPI_VENC_GetFd(v);
+        }
+    }
+    auto t0 = std::chrono::steady_clock::now();
+    ASSERT_TRUE(wait_for([] {
+        for (int v = 0; v < 24; ++v)
+            if (!sim_venc_producing(v))
+                return false;
+        return true;
+    }, 600s));
+    double making = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+
+    // Collect as the slave would, for 10 s, measuring the simulator's threads.
+    std::atomic<bool> done{false};
+    std::atomic<uint64_t> bytes{0};
+    std::array<std::atomic<uint32_t>, 24> frames{};
+    std::thread slave([&] {
+        std::vector<venc_pack_t> packs(8);
+        while (!done) {
+            fd_set set;
+            FD_ZERO(&set);
+            int max = 0;
+            for (int fd : fds) {
+                FD_SET(fd, &set);
+                max = std::max(max, fd);
+            }
+            timeval tv{0, 100000};
+            if (select(max + 1, &set, nullptr, nullptr, &tv) <= 0)
+                continue;
+            for (int v = 0; v < 24; ++v) {
+                if (!FD_ISSET(fds[v], &set))
+                    continue;
+                venc_stream_t s{packs.data(), 8, 0};
+                if (HI_MPI_VENC_GetStream(v, &s, true) != 0)
+                    continue;
+                for (uint32_t i = 0; i < s.pack_count; ++i)
+                    bytes += packs[i].len[0] + packs[i].len[1];
+                ++frames[v];
+                HI_MPI_VENC_ReleaseStream(v, &s);
+            }
+        }
+    });
+    const long ticks0 = sim_thread_ticks();
+    auto m0 = std::chrono::steady_clock::now();
+    std::this_thread::sleep_for(10s);
+    const long ticks = sim_thread_ticks() - ticks0;
+    double secs = std::chrono::duration<double>(std::chrono::steady_clock::now() - m0).count();
+    done = true;
+    slave.join();
+    double share = ticks / static_cast<double>(sysconf(_SC_CLK_TCK)) / secs * 100;
+    std::printf("loops ready after %.1f s (encoded %u, cached %u); simulator threads %.2f %% of one core; "
+                "%.0f kbit/s collected\n", making, sim_venc_loops_made().encoded, sim_venc_loops_made().cached, share,
+                bytes * 8 / 1000.0 / secs);
+    for (int v = 0; v < 24; ++v)
+        std::printf("channel %d: %u frames\n", v, frames[v].load());
+    EXPECT_LT(share, 10.0);
 }
 
 #endif
