@@ -168,8 +168,8 @@ int route_record(cal_enc_t* enc, route r, int ch, cal_enc_stream_t& s, const ven
     const int slot = r == route::rec_low ? 2 * n : (n == 8 ? ch / 2 : ch);
     _check_ebuf(enc, slot, static_cast<int>(size), secs);
     ebuf_t* eb = enc->ebuf[slot];
-    // The buffer _check_ebuf leaves always has room; the test keeps a
-    // broken promise from writing past it.
+    // The buffer _check_ebuf leaves always has room for the frame; should
+    // that ever not hold, the frame is dropped rather than written past it.
     if (eb == nullptr || eb->num_mmd < 0 || eb->num_mmd >= ENC_EBUF_MAX_FRAMES ||
         eb->buf_off < 0 || eb->buf_off + size > eb->buf_size) {
         s.wait_key = 1;
@@ -228,6 +228,9 @@ int route_record(cal_enc_t* enc, route r, int ch, cal_enc_stream_t& s, const ven
 
 int _calc_timing(cal_enc_t* enc, cal_enc_stream_t* s, uint64_t msec, time_t now)
 {
+    CAL_CHECK_OBJ(enc, cal_enc_t, "enc is NULL\n");
+    if (s == nullptr)
+        return -1;
     const int64_t P = enc->period;
     const int64_t F = enc->fps;
     // Without a frame rate there are no slots to give.
@@ -291,6 +294,7 @@ int _calc_timing(cal_enc_t* enc, cal_enc_stream_t* s, uint64_t msec, time_t now)
 
 int _check_ebuf(cal_enc_t* enc, int slot, int size, uint32_t secs)
 {
+    CAL_CHECK_OBJ(enc, cal_enc_t, "enc is NULL\n");
     if (!valid_slot(enc, slot) || size < 0)
         return -1;
     const uint32_t gap = slot < 2 * enc->num ? MAIN_GAP_SEC : LOW_GAP_SEC;

@@ -332,6 +332,13 @@ TEST_F(enc_stream_test, unusable_settings_and_frames_are_refused_without_harm)
     EXPECT_EQ(_parse_enc_ebuf(enc_.get(), 0, &f.st), -1);
     EXPECT_EQ(enc_->ebuf[0], nullptr);
     EXPECT_EQ(enc_->rec[0].wait_key, 1);
+
+    // A module object that is not one is fatal.
+    EXPECT_FATAL(_parse_enc_ebuf(nullptr, 0, &f.st), "enc is NULL");
+    enc_->size = 4;
+    EXPECT_FATAL(_check_ebuf(enc_.get(), 0, 10, static_cast<uint32_t>(T0)), "size != sizeof\\(cal_enc_t\\)");
+    EXPECT_FATAL(_calc_timing(enc_.get(), &enc_->rec[0], 0, T0), "size != sizeof\\(cal_enc_t\\)");
+    enc_->size = sizeof(cal_enc_t);
 }
 
 // ---- routing ----------------------------------------------------------------------
