@@ -185,11 +185,13 @@ int cal_enc_stop(cal_enc_t* enc)
 {
     CAL_CHECK_OBJ(enc, cal_enc_t, "enc is NULL\n");
     const int n = enc->num;
+    // The encoder thread still runs: its descriptor entries stay as they
+    // are (a failed select only makes it pause until it is stopped).
     for (int ch = 0; ch < n; ++ch) {
-        _enc_exit_stream_chn(enc, ch);
-        _enc_exit_stream_chn(enc, ch + n);
-        _enc_exit_stream_chn(enc, ch + 3 * n);
-        _enc_exit_stream_chn(enc, ch + 2 * n);
+        _enc_exit_chn(ch);
+        _enc_exit_chn(ch + n);
+        _enc_exit_chn(ch + 3 * n);
+        _enc_exit_chn(ch + 2 * n);
         _enc_exit_jpeg_chn(enc, ch);
     }
     kel_thread_notify_stop(enc->thread_enc);

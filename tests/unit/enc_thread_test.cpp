@@ -63,9 +63,9 @@ TEST_F(enc_thread_test, idle_thread_beats_and_applies_a_queued_update)
     update(0, 30);
     EXPECT_TRUE(within(3000, [&] { return logged_line("ch:1 network low success.."); }));
     EXPECT_EQ(queued(enc()->msgid_ce_enc), 0);
-    EXPECT_EQ(enc()->net_low[1].changed, 0);
     EXPECT_TRUE(sim_media_venc_chn(25).receiving);
     EXPECT_EQ(cal_enc_stop(enc()), 0);
+    EXPECT_EQ(enc()->net_low[1].changed, 0);
     EXPECT_TRUE(logged_line("exit!!"));
     EXPECT_FALSE(sim_media_venc_chn(25).created);
 }
@@ -101,8 +101,13 @@ TEST_F(enc_thread_test, failing_reads_end_the_pass_and_the_thread_goes_on)
     const int heart = kel_thread_heart(enc()->thread_enc);
     EXPECT_TRUE(within(3000, [&] { return kel_thread_heart(enc()->thread_enc) > heart + 2; }));
     EXPECT_EQ(queued(cal_.msgid_encr), 0);
-    // Back to normal: frames flow again.
+    // Back to normal (the board's rules change while nothing runs): the
+    // stream rebuilt, frames flow again.
+    EXPECT_EQ(cal_enc_stop(enc()), 0);
     ASSERT_EQ(sim_fault_set("", &err), 0) << err;
+    start();
+    run_video(ENC_KIND_REC, 9, 1);
+    update(0, 30);
     EXPECT_TRUE(within(8000, [&] { return queued(cal_.msgid_encr) >= 1; }));
 }
 
