@@ -19,8 +19,8 @@
 
 namespace {
 
-// How often the writer looks for changes, and the longest it lets a moving
-// counter go unwritten.
+// How often the writer looks for changes of the state, and how often it
+// looks at the counters.
 constexpr auto k_poll = std::chrono::milliseconds(50);
 constexpr auto k_refresh = std::chrono::milliseconds(1000);
 
@@ -52,11 +52,10 @@ private:
     bool first_ = true;
 };
 
-std::string render(const sim_media& m, int64_t now_us, bool* active)
+std::string render(const sim_media& m, int64_t now_us)
 {
     std::ostringstream o;
     o.precision(6);
-    *active = false;
     o << "{\n\"binds\": [";
     list binds(o);
     for (const sim_binding& bd : m.bindings) {
@@ -82,7 +81,6 @@ std::string render(const sim_media& m, int64_t now_us, bool* active)
         if (!grp.created)
             continue;
         uint64_t pictures = sim_flow_vpss_pictures(m, g, now_us);
-        *active |= pictures != 0;
         vpss.next() << "{\"grp\": " << g << ", \"started\": " << b(grp.started) << ", \"chn\": [";
         bool first = true;
         for (int32_t c = 0; c < VPSS_MAX_CHN_NUM; ++c) {
@@ -104,7 +102,6 @@ std::string render(const sim_media& m, int64_t now_us, bool* active)
         const uint32_t w = h264 ? v.attr.h264.pic_width : v.attr.jpeg.pic_width;
         const uint32_t h = h264 ? v.attr.h264.pic_height : v.attr.jpeg.pic_height;
         const bool producing = sim_venc_producing(c);
-        *active |= producing;
         venc.next() << "{\"chn\": " << c << ", \"grp\": " << v.grp << ", \"registered\": " << b(v.grp >= 0)
                     << ", \"receiving\": " << b(v.receiving) << ", \"payload\": " << v.attr.payload_type
                     << ", \"width\": " << w << ", \"height\": " << h << ", \"gop\": " << (h264 ? v.attr.rc.gop : 0)
@@ -157,19 +154,20 @@ private:
     {
         pthread_setname_np(pthread_self(), "sim_media_json");
         uint64_t seen = ~uint64_t{0};
-        bool active = false;
         auto written = std::chrono::steady_clock::now();
         std::unique_lock lock(mutex_);
         while (!stop_) {
             lock.unlock();
             const auto now = std::chrono::steady_clock::now();
             const uint64_t gen = sim_media_generation();
-            if (gen != seen || (active && now - written >= k_refresh)) {
+            // Counters move without changes of the state: a look every
+            // second catches them (the file is rewritten only if they did).
+            if (gen != seen || now - written >= k_refresh) {
                 seen = gen;
                 std::string text;
                 {
                     media_access m(media_access::read);
-                    text = render(*m, sim_media_now_us(), &active);
+                    text = render(*m, sim_media_now_us());
                 }
                 if (text != last_) {
                     replace_file(path_, text);
@@ -207,7 +205,6 @@ void sim_media_json_close()
 
 std::string sim_media_json_text()
 {
-    bool active = false;
     media_access m(media_access::read);
-    return render(*m, sim_media_now_us(), &active);
+    return render(*m, sim_media_now_us());
 }

@@ -44,6 +44,8 @@ bool sim_venc_ring::put(std::span<const sim_pack_in> packs, uint64_t pts, uint32
         uint32_t plen = 0;
         f.packs[i] = {head_, 0, packs[i].type};
         for (std::span<const uint8_t> part : packs[i].part) {
+            if (part.empty())
+                continue;
             // Copy up to the ring's end, then on from its start.
             size_t first = std::min<size_t>(part.size(), size - head_);
             std::memcpy(buf_.data() + head_, part.data(), first);

@@ -340,6 +340,10 @@ TEST_F(sim_channel_test, a_channel_not_collected_drops_and_counts_and_the_sequen
         return at == std::string::npos ? 0ul : std::stoul(json.substr(at + std::strlen(name)));
     };
     ASSERT_TRUE(wait_for([&] { return counter(sim_media_json_text(), "\"dropped\": ") > 0; }));
+    // Moving counters reach the file at least once a second with no other change.
+    const std::string path = chip_file("media.json");
+    const unsigned long seen = counter(read_file(path), "\"dropped\": ");
+    EXPECT_TRUE(wait_for([&] { return counter(read_file(path), "\"dropped\": ") > seen; }, 1500ms));
     std::vector<received> got;
     for (received r; got.size() < 30 && take(&r);)
         got.push_back(r);
