@@ -10,9 +10,12 @@
 
 #include "cal/cal_buf.h"
 #include "cal/cal_log.h"
+#include "cal/cal_mod.h"
 #include "cal/cal_tx.h"
+#include "enc/cal_enc.h"
 #include "msg/cal_hsc.h"
 #include "platform/os.h"
+#include "vin/cal_vin.h"
 #include "vin/chip.h"
 
 namespace {
@@ -39,6 +42,22 @@ constexpr priority_row k_priority_table[] = {
 };
 
 }  // namespace
+
+// The modules of the process. The video output and the decoder join here
+// with their tables.
+const cal_mod_t* cal_mods[CAL_MOD_COUNT] = {
+    /* CAL_MOD_VOUT */ nullptr,
+    /* CAL_MOD_DEC */ nullptr,
+    /* CAL_MOD_ENC */ &cal_enc_mod,
+    /* CAL_MOD_VIN */ &cal_vin_mod,
+};
+
+void cal_mod_set_time(cal_t* cal, uint64_t us)
+{
+    for (const cal_mod_t* m : cal_mods)
+        if (m != nullptr && m->set_time != nullptr && m->present(cal))
+            m->set_time(cal, us);
+}
 
 int _system_insmod()
 {
@@ -91,6 +110,9 @@ void cal_mod_new(cal_t* cal)
         return;
     }
     cal->hsc = cal_hsc_new(cal);
+    for (cal_mod_id id : CAL_MOD_NEW_ORDER)
+        if (const cal_mod_t* m = cal_mods[id])
+            m->create(cal);
     chip_init_slave(cal);
     TRACE(".. module new cal:%08x\n", ptr32(cal));
 }
@@ -98,8 +120,12 @@ void cal_mod_new(cal_t* cal)
 int cal_start(cal_t* cal)
 {
     CAL_CHECK_OBJ(cal, cal_t, "cal is NULL\n");
-    int r1 = 0, r3 = 0;
-    int sum = r1 + r3;
+    // A module that has not joined, or declined to exist, starts as 0.
+    int rm[CAL_MOD_COUNT] = {};
+    int sum = 0;
+    for (cal_mod_id id : CAL_MOD_START_ORDER)
+        if (const cal_mod_t* m = cal_mod_live(cal, id))
+            sum += rm[id] = m->start(cal);
 
     int r = kel_thread_start(cal->thread_encr, tx_encr_thread, cal);
     if (r < 0)
@@ -113,7 +139,7 @@ int cal_start(cal_t* cal)
     sum += r;
     kel_thread_wait_stable(cal->thread_encn, 5000);
 
-    TRACE("r1:%d r3:%d\n", r1, r3);
+    TRACE("r1:%d r3:%d\n", rm[CAL_MOD_DEC], rm[CAL_MOD_VIN]);
     return sum;
 }
 
@@ -124,8 +150,12 @@ int cal_stop(cal_t* cal)
     kel_thread_notify_stop(cal->thread_encn);
     int r1 = kel_thread_stop(cal->thread_encr, 2000);
     int r2 = kel_thread_stop(cal->thread_encn, 2000);
+    int sum = r1 + r2;
+    for (cal_mod_id id : CAL_MOD_STOP_ORDER)
+        if (const cal_mod_t* m = cal_mod_live(cal, id))
+            sum += m->stop(cal);
     TRACE("r1:%d r2:%d\n", r1, r2);
-    return r1 + r2;
+    return sum;
 }
 
 void cal_delete(cal_t* cal)
@@ -137,6 +167,9 @@ void cal_delete(cal_t* cal)
     if (cal->hsc != nullptr)
         cal_hsc_delete(cal->hsc);
     chip_exit_slave(cal);
+    for (cal_mod_id id : CAL_MOD_DELETE_ORDER)
+        if (const cal_mod_t* m = cal_mod_live(cal, id))
+            m->destroy(cal);
     kel_thread_delete(cal->thread_encr);
     kel_thread_delete(cal->thread_encn);
     delete cal;

@@ -1,5 +1,6 @@
 // Stream buffers: the record buffers (ebuf), the network frame blocks (nbuf)
-// and the decode buffers (dbuf), their pools, and their hand-off between
+// with their descriptors, the snapshot descriptors and the decode buffers
+// (dbuf), their pools, and their hand-off between
 // threads.
 //
 // The record buffer and the decode buffer are laid out byte for byte as the
@@ -105,6 +106,24 @@ static_assert(sizeof(void*) != 4 || sizeof(nbuf_desc_t) == NBUF_DESC_WIRE_SIZE,
 // Writes the 28 bytes the master receives: the fields as they are, the data
 // pointer as its low 32 bits.
 void nbuf_desc_to_wire(const nbuf_desc_t& desc, unsigned char out[NBUF_DESC_WIRE_SIZE]);
+
+// ---- snapshot descriptor ----------------------------------------------------
+
+inline constexpr int JPG_DESC_WIRE_SIZE = 16;
+inline constexpr int JPG_BATCH_MAX = 9;  // pictures the JPEG thread sends at once
+
+// One per JPEG picture, handed with the picture's block to the JPEG transfer.
+struct jpg_desc_t {
+    int32_t jpg_on;       // the camera's JPEG switch when the picture was taken
+    uint32_t time;        // seconds since the epoch when it was stored
+    uint32_t len;         // picture length in bytes
+    unsigned char* data;  // the picture's heap block (the transfer frees it)
+};
+static_assert(offsetof(jpg_desc_t, time) == 4);
+static_assert(offsetof(jpg_desc_t, len) == 8);
+static_assert(offsetof(jpg_desc_t, data) == 12 || sizeof(void*) != 4);
+static_assert(sizeof(void*) != 4 || sizeof(jpg_desc_t) == JPG_DESC_WIRE_SIZE,
+              "on the chip the descriptor is its own wire image");
 
 // ---- decode buffer ----------------------------------------------------------
 

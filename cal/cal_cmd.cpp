@@ -1,7 +1,6 @@
 #include "cal/cal_cmd.h"
 
-#include <unistd.h>
-
+#include <cstddef>
 #include <cstring>
 #include <ctime>
 
@@ -16,41 +15,96 @@
 
 namespace {
 
-// Little-endian payload fields (the chip and the host are both
-// little-endian; memcpy keeps unaligned reads defined).
-template <class T>
-T payload_get(const hsc_msg_t* msg, uint32_t offset)
-{
-    T v;
-    std::memcpy(&v, msg->data + offset, sizeof(T));
-    return v;
-}
-
 template <class T>
 void payload_put(hsc_msg_t* msg, uint32_t offset, T v)
 {
     std::memcpy(msg->data + offset, &v, sizeof(T));
 }
 
-int32_t word(const hsc_msg_t* msg, int k)
+// ---- payloads of the core's rows and of the rows still to come ----------------
+
+// HSCC_CAL_SetTz: the zone text, NUL-terminated or ending with the payload.
+struct cmd_tz_t {
+    char text[1];
+};
+static_assert(sizeof(cmd_tz_t) == 1);
+
+// HSCC_CAL_SetTime.
+struct cmd_time_t {
+    uint64_t usec;  // microseconds since the epoch
+};
+static_assert(sizeof(cmd_time_t) == 8);
+
+// A command naming one camera (HSCC_CAL_SetVl) or one output path.
+struct cmd_word_t {
+    int32_t w0;
+};
+static_assert(sizeof(cmd_word_t) == 4);
+
+// HSCC_CAL_SetMd.
+struct cmd_md_t {
+    int32_t cam;
+    int32_t threshold;
+};
+static_assert(offsetof(cmd_md_t, threshold) == 4);
+static_assert(sizeof(cmd_md_t) == 8);
+
+// HSCC_CAL_SetZoom.
+struct cmd_zoom_t {
+    int32_t cam;
+    int32_t w1;
+    int32_t w2;
+    int32_t w3;
+    int32_t x;
+    int32_t y;
+    int32_t width;
+    int32_t height;
+};
+static_assert(offsetof(cmd_zoom_t, x) == 16);
+static_assert(sizeof(cmd_zoom_t) == 32);
+
+// HSCC_CAL_InitPcivVo: the output kind, then the path's settings.
+struct cmd_pciv_init_t {
+    int32_t kind;
+    int32_t w[30];  // words 1 .. 30
+};
+static_assert(offsetof(cmd_pciv_init_t, w) == 4);
+static_assert(sizeof(cmd_pciv_init_t) == 124);
+
+// HSCC_CAL_SetTimestamp.
+struct cmd_timestamp_t {
+    int32_t on;
+    int32_t date_fmt;
+    int32_t hour12;
+};
+static_assert(sizeof(cmd_timestamp_t) == 12);
+
+// HSCC_CAL_3531_decstart.
+struct cmd_decstart_t {
+    int32_t cam;
+    int32_t arg;
+};
+static_assert(sizeof(cmd_decstart_t) == 8);
+
+// HSCC_CAL_3531_flush.
+struct cmd_flush_t {
+    int32_t w0;
+    int32_t w1;
+    int32_t cam;
+};
+static_assert(offsetof(cmd_flush_t, cam) == 8);
+static_assert(sizeof(cmd_flush_t) == 12);
+
+// A payload the row does not read.
+struct cmd_none_t {};
+
+template <class T>
+constexpr uint32_t min_len()
 {
-    return payload_get<int32_t>(msg, 4u * static_cast<uint32_t>(k));
+    return std::is_empty_v<T> ? 0 : sizeof(T);
 }
 
-// A row whose module is not part of the process yet: answered like an
-// unknown code.
-int awaiting_module(const hsc_msg_t* msg)
-{
-    TRACE("cmd:%08x waits for its module\n", msg->cmd);
-    return 0;
-}
-
-int16_t half(const hsc_msg_t* msg, uint32_t offset)
-{
-    return payload_get<int16_t>(msg, offset);
-}
-
-// ---- rows -------------------------------------------------------------------
+// ---- the core's rows ----------------------------------------------------------
 
 int row_set_dma_info(cal_t* cal, hsc_msg_t* msg)
 {
@@ -82,238 +136,94 @@ int row_get_status(cal_t* cal, hsc_msg_t* msg)
     return 0;
 }
 
-int row_set_layout(cal_t* cal, hsc_msg_t* msg)
-{
-    const auto& h = cal_cmd_handlers;
-    return h.vout_set_layout ? h.vout_set_layout(cal, word(msg, 0), msg, -1) : awaiting_module(msg);
-}
-
-int row_set_zoom(cal_t* cal, hsc_msg_t* msg)
-{
-    const auto& h = cal_cmd_handlers;
-    if (h.vout_set_zoom == nullptr)
-        return awaiting_module(msg);
-    return h.vout_set_zoom(cal, word(msg, 0) - cal->cam_base, word(msg, 2), word(msg, 3), word(msg, 4),
-                           word(msg, 5), word(msg, 6), word(msg, 7));
-}
-
-int row_set_vincaps(cal_t* cal, hsc_msg_t* msg)
-{
-    double fps = payload_get<double>(msg, 16);
-    CAL_LOG(7, "HSCC_CAL_SetVincaps.. cam:%d xres:%d yres:%d prog:%d fps:%.1f type:%d cambase:%d\n", word(msg, 0),
-            word(msg, 1), word(msg, 2), word(msg, 3), fps, word(msg, 7), cal->cam_base);
-    const auto& h = cal_cmd_handlers;
-    if (h.vin_set_caps == nullptr)
-        return awaiting_module(msg);
-    return h.vin_set_caps(cal, word(msg, 0) - cal->cam_base, word(msg, 1), word(msg, 2), word(msg, 3), fps,
-                          word(msg, 7));
-}
-
-int row_set_md(cal_t* cal, hsc_msg_t* msg)
-{
-    TRACE("HSCC_CAL_SetMd cam:%d cam_base:%d\n", word(msg, 0), cal->cam_base);
-    const auto& h = cal_cmd_handlers;
-    return h.vin_set_md ? h.vin_set_md(cal, word(msg, 0) - cal->cam_base, word(msg, 1)) : awaiting_module(msg);
-}
-
 int row_set_vl(cal_t*, hsc_msg_t* msg)
 {
-    TRACE("HSCC_CAL_SetVl cam:%d\n", word(msg, 0));
+    TRACE("HSCC_CAL_SetVl cam:%d\n", cal_payload<cmd_word_t>(msg).w0);
     return 0;
 }
 
 int row_set_time(cal_t* cal, hsc_msg_t* msg)
 {
-    uint64_t u = payload_get<uint64_t>(msg, 0);
+    uint64_t u = cal_payload<cmd_time_t>(msg).usec;
     _set_time(cal, u / 1000000, u);
     return 0;
 }
 
-int row_set_enc_video(cal_t* cal, hsc_msg_t* msg)
-{
-    // use_main shows the stream kind (payload word 0; 0 is the main
-    // recording stream).
-    TRACE("HSCC_CAL_SetEncVideo.. ch:%d xres:%d yres:%d fps:%.1f use_main:%d\n", msg->data[12], half(msg, 8),
-          half(msg, 10), static_cast<double>(payload_get<float>(msg, 4)), word(msg, 0));
-    const auto& h = cal_cmd_handlers;
-    return h.enc_set_video ? h.enc_set_video(cal, msg) : awaiting_module(msg);
-}
-
-int row_run_enc_video(cal_t* cal, hsc_msg_t* msg)
-{
-    const auto& h = cal_cmd_handlers;
-    return h.enc_run_video ? h.enc_run_video(cal, msg) : awaiting_module(msg);
-}
-
-int row_init_pciv_vo(cal_t* cal, hsc_msg_t* msg)
-{
-    const auto& h = cal_cmd_handlers;
-    int kind = word(msg, 0);
-    if (kind == 0) {
-        TRACE("HSCC_CAL_InitPcivVo.. %d %d %d\n", word(msg, 1), word(msg, 30), word(msg, 29));
-        return h.vout_pip_pcivinit ? h.vout_pip_pcivinit(cal, msg) : awaiting_module(msg);
-    }
-    if (kind == 2)
-        return h.vout_main_pcivinit ? h.vout_main_pcivinit(cal, msg) : awaiting_module(msg);
-    return h.vout_spot_pcivinit ? h.vout_spot_pcivinit(cal, msg) : awaiting_module(msg);
-}
-
-int row_start_pciv_vo(cal_t* cal, hsc_msg_t* msg)
-{
-    const auto& h = cal_cmd_handlers;
-    int kind = word(msg, 0);
-    if (kind == 0)
-        return h.vout_pippciv_start ? h.vout_pippciv_start(cal, msg) : awaiting_module(msg);
-    if (kind == 2)
-        return h.vout_mainpciv_start ? h.vout_mainpciv_start(cal, msg) : awaiting_module(msg);
-    return 0;  // the spot output has nothing to start
-}
-
-int row_stop_pciv_vo(cal_t* cal, hsc_msg_t* msg)
-{
-    const auto& h = cal_cmd_handlers;
-    if (word(msg, 0) == 0)
-        return h.vout_pippciv_stop ? h.vout_pippciv_stop(cal, msg) : awaiting_module(msg);
-    return h.vout_spot_pcivexit ? h.vout_spot_pcivexit(cal, msg) : awaiting_module(msg);
-}
-
-int row_set_privacy(cal_t* cal, hsc_msg_t* msg)
-{
-    const auto& h = cal_cmd_handlers;
-    return h.vin_set_privacy ? h.vin_set_privacy(cal, msg) : awaiting_module(msg);
-}
-
-int row_update_enc_video(cal_t* cal, hsc_msg_t* msg)
-{
-    TRACE("HSCC_CAL_UpdatEncVideo.. %d %d %llu\n", half(msg, 0), half(msg, 2),
-          static_cast<unsigned long long>(payload_get<uint64_t>(msg, 8)));
-    const auto& h = cal_cmd_handlers;
-    return h.enc_update ? h.enc_update(cal, msg) : awaiting_module(msg);
-}
-
-int row_set_timestamp(cal_t* cal, hsc_msg_t* msg)
-{
-    const auto& h = cal_cmd_handlers;
-    return h.enc_set_timestamp ? h.enc_set_timestamp(cal, word(msg, 0), word(msg, 1), word(msg, 2))
-                               : awaiting_module(msg);
-}
-
-int row_set_time_font(cal_t* cal, hsc_msg_t* msg)
-{
-    const auto& h = cal_cmd_handlers;
-    if (h.enc_copy_timefont == nullptr)
-        return awaiting_module(msg);
-    h.enc_copy_timefont(cal, msg->data, static_cast<int>(msg->cmd - HSCC_CAL_SetTimeFont));
-    return 0;
-}
-
-int row_dec_start(cal_t* cal, hsc_msg_t* msg)
-{
-    TRACE("HSCC_CAL_3531_decstart cam:%d\n", word(msg, 0));
-    const auto& h = cal_cmd_handlers;
-    if (h.dec_cmd == nullptr)
-        return awaiting_module(msg);
-    h.dec_cmd(cal, word(msg, 0) == 0 ? 2 : 1, word(msg, 1));
-    return 0;
-}
-
-int row_dec_flush(cal_t* cal, hsc_msg_t* msg)
-{
-    TRACE("HSCC_CAL_3531_flush cam:%d\n", word(msg, 2));
-    const auto& h = cal_cmd_handlers;
-    if (h.dec_cmd == nullptr)
-        return awaiting_module(msg);
-    h.dec_cmd(cal, 3, 0);
-    return 0;
-}
-
-int row_play_jpg(cal_t* cal, hsc_msg_t* msg)
-{
-    TRACE("HSCC_CAL_3531_playjpg on_playjpg:%d\n", word(msg, 0));
-    const auto& h = cal_cmd_handlers;
-    if (h.enc_on_playjpg == nullptr)
-        return awaiting_module(msg);
-    h.enc_on_playjpg(cal, word(msg, 0));
-    return 0;
-}
-
-int row_avc_res(cal_t* cal, hsc_msg_t* msg)
-{
-    TRACE("HSCC_CAL_3531_avcres avc_cnt:%d\n", half(msg, 0));
-    const auto& h = cal_cmd_handlers;
-    if (h.enc_init_avcres == nullptr)
-        return awaiting_module(msg);
-    h.enc_init_avcres(cal, msg);
-    return 0;
-}
-
-// The module a row's handlers belong to; CORE rows run in the process now.
-enum cmd_module { CORE, VOUT, VIN, ENC, DEC };
-
-struct cmd_row {
-    uint32_t code;
-    uint32_t last;     // last code of a range of codes with one handler
-    uint32_t min_len;  // payload bytes the row reads from the request
-    cmd_module module;
-    bool result_zero;  // answered 0 whatever the handler says
-    int (*run)(cal_t* cal, hsc_msg_t* msg);
+constexpr cal_cmd_row_t k_core_rows[] = {
+    {HSCC_CAL_SetDmaInfo, HSCC_CAL_SetDmaInfo, sizeof(hsc_dma_info_t), false, row_set_dma_info},
+    {HSCC_CAL_SetTz, HSCC_CAL_SetTz, min_len<cmd_tz_t>(), true, row_set_tz},
+    {HSCC_CAL_GetDmaInfo, HSCC_CAL_GetDmaInfo, min_len<cmd_none_t>(), false, row_get_dma_info},
+    {HSCC_CAL_GetStatus, HSCC_CAL_GetStatus, min_len<cmd_none_t>(), true, row_get_status},
+    {HSCC_CAL_SetVl, HSCC_CAL_SetVl, min_len<cmd_word_t>(), true, row_set_vl},
+    {HSCC_CAL_SetTime, HSCC_CAL_SetTime, min_len<cmd_time_t>(), true, row_set_time},
 };
 
-// Every command the process knows. A request shorter than what its row
-// reads runs nothing: it is refused (-1) where the handler's result would
-// be the answer, and answered 0 where the answer is always 0 or the row's
-// module is not in the process yet.
-constexpr cmd_row k_rows[] = {
-    {HSCC_CAL_SetDmaInfo, HSCC_CAL_SetDmaInfo, sizeof(hsc_dma_info_t), CORE, false, row_set_dma_info},
-    {HSCC_CAL_SetTz, HSCC_CAL_SetTz, 1, CORE, true, row_set_tz},
-    {HSCC_CAL_GetDmaInfo, HSCC_CAL_GetDmaInfo, 0, CORE, false, row_get_dma_info},
-    {HSCC_CAL_GetStatus, HSCC_CAL_GetStatus, 0, CORE, true, row_get_status},
-    {HSCC_CAL_SetLayout, HSCC_CAL_SetLayout, 4, VOUT, false, row_set_layout},
-    {HSCC_CAL_SetZoom, HSCC_CAL_SetZoom, 32, VOUT, false, row_set_zoom},
-    {HSCC_CAL_SetVincaps, HSCC_CAL_SetVincaps, 32, VIN, false, row_set_vincaps},
-    {HSCC_CAL_SetMd, HSCC_CAL_SetMd, 8, VIN, false, row_set_md},
-    {HSCC_CAL_SetVl, HSCC_CAL_SetVl, 4, CORE, true, row_set_vl},
-    {HSCC_CAL_SetTime, HSCC_CAL_SetTime, 8, CORE, true, row_set_time},
-    {HSCC_CAL_SetEncVideo, HSCC_CAL_SetEncVideo, 13, ENC, false, row_set_enc_video},
-    {HSCC_CAL_RunEncVideo, HSCC_CAL_RunEncVideo, 0, ENC, false, row_run_enc_video},
-    {HSCC_CAL_InitPcivVo, HSCC_CAL_InitPcivVo, 4, VOUT, false, row_init_pciv_vo},
-    {HSCC_CAL_StartPcivVo, HSCC_CAL_StartPcivVo, 4, VOUT, false, row_start_pciv_vo},
-    {HSCC_CAL_StopPcivVo, HSCC_CAL_StopPcivVo, 4, VOUT, false, row_stop_pciv_vo},
-    {HSCC_CAL_SetPrivacy, HSCC_CAL_SetPrivacy, 0, VIN, false, row_set_privacy},
-    {HSCC_CAL_UpdatEncVideo, HSCC_CAL_UpdatEncVideo, 16, ENC, false, row_update_enc_video},
-    {HSCC_CAL_SetTimestamp, HSCC_CAL_SetTimestamp, 12, ENC, false, row_set_timestamp},
-    {HSCC_CAL_SetTimeFont, HSCC_CAL_SetTimeFont_Last, 0, ENC, true, row_set_time_font},
-    {HSCC_CAL_3531_decstart, HSCC_CAL_3531_decstart, 8, DEC, true, row_dec_start},
-    {HSCC_CAL_3531_flush, HSCC_CAL_3531_flush, 0, DEC, true, row_dec_flush},
-    {HSCC_CAL_3531_playjpg, HSCC_CAL_3531_playjpg, 4, ENC, true, row_play_jpg},
-    {HSCC_CAL_3531_avcres, HSCC_CAL_3531_avcres, 2, ENC, true, row_avc_res},
-};
+// ---- codes of modules still to come -------------------------------------------
+//
+// Until its module joins with a row of its own, such a code gets the trace
+// the loop writes before the handler and is answered 0.
 
-// Whether a module has joined: every handler of it is in the table.
-bool module_present(cmd_module m)
+int waiting(const hsc_msg_t* msg)
 {
-    const auto& h = cal_cmd_handlers;
-    switch (m) {
-    case CORE:
-        return true;
-    case VOUT:
-        return h.vout_set_layout && h.vout_set_zoom && h.vout_pip_pcivinit && h.vout_main_pcivinit &&
-               h.vout_spot_pcivinit && h.vout_pippciv_start && h.vout_mainpciv_start && h.vout_pippciv_stop &&
-               h.vout_spot_pcivexit;
-    case VIN:
-        return h.vin_set_caps && h.vin_set_md && h.vin_set_privacy;
-    case ENC:
-        return h.enc_set_video && h.enc_run_video && h.enc_update && h.enc_set_timestamp && h.enc_copy_timefont &&
-               h.enc_on_playjpg && h.enc_init_avcres;
-    case DEC:
-        return h.dec_cmd != nullptr;
-    }
-    return false;
+    TRACE("cmd:%08x waits for its module\n", msg->cmd);
+    return 0;
 }
 
-const cmd_row* find_row(uint32_t code)
+int row_waiting(cal_t*, hsc_msg_t* msg)
 {
-    for (const cmd_row& row : k_rows)
+    return waiting(msg);
+}
+
+int row_set_md(cal_t* cal, hsc_msg_t* msg)
+{
+    TRACE("HSCC_CAL_SetMd cam:%d cam_base:%d\n", cal_payload<cmd_md_t>(msg).cam, cal->cam_base);
+    return waiting(msg);
+}
+
+int row_init_pciv_vo(cal_t*, hsc_msg_t* msg)
+{
+    auto p = cal_payload<cmd_pciv_init_t>(msg);
+    if (p.kind == 0)
+        TRACE("HSCC_CAL_InitPcivVo.. %d %d %d\n", p.w[0], p.w[29], p.w[28]);
+    return waiting(msg);
+}
+
+int row_dec_start(cal_t*, hsc_msg_t* msg)
+{
+    TRACE("HSCC_CAL_3531_decstart cam:%d\n", cal_payload<cmd_decstart_t>(msg).cam);
+    return waiting(msg);
+}
+
+int row_dec_flush(cal_t*, hsc_msg_t* msg)
+{
+    TRACE("HSCC_CAL_3531_flush cam:%d\n", cal_payload<cmd_flush_t>(msg).cam);
+    return waiting(msg);
+}
+
+int row_play_jpg(cal_t*, hsc_msg_t* msg)
+{
+    TRACE("HSCC_CAL_3531_playjpg on_playjpg:%d\n", cal_payload<cmd_word_t>(msg).w0);
+    return waiting(msg);
+}
+
+constexpr cal_cmd_row_t k_waiting_rows[] = {
+    {HSCC_CAL_SetLayout, HSCC_CAL_SetLayout, min_len<cmd_word_t>(), true, row_waiting},
+    {HSCC_CAL_SetZoom, HSCC_CAL_SetZoom, min_len<cmd_zoom_t>(), true, row_waiting},
+    {HSCC_CAL_SetMd, HSCC_CAL_SetMd, min_len<cmd_md_t>(), true, row_set_md},
+    {HSCC_CAL_InitPcivVo, HSCC_CAL_InitPcivVo, min_len<cmd_pciv_init_t>(), true, row_init_pciv_vo},
+    {HSCC_CAL_StartPcivVo, HSCC_CAL_StartPcivVo, min_len<cmd_word_t>(), true, row_waiting},
+    {HSCC_CAL_StopPcivVo, HSCC_CAL_StopPcivVo, min_len<cmd_word_t>(), true, row_waiting},
+    {HSCC_CAL_SetPrivacy, HSCC_CAL_SetPrivacy, min_len<cmd_none_t>(), true, row_waiting},
+    {HSCC_CAL_SetTimestamp, HSCC_CAL_SetTimestamp, min_len<cmd_timestamp_t>(), true, row_waiting},
+    {HSCC_CAL_SetTimeFont, HSCC_CAL_SetTimeFont_Last, min_len<cmd_none_t>(), true, row_waiting},
+    {HSCC_CAL_3531_decstart, HSCC_CAL_3531_decstart, min_len<cmd_decstart_t>(), true, row_dec_start},
+    {HSCC_CAL_3531_flush, HSCC_CAL_3531_flush, min_len<cmd_flush_t>(), true, row_dec_flush},
+    {HSCC_CAL_3531_playjpg, HSCC_CAL_3531_playjpg, min_len<cmd_word_t>(), true, row_play_jpg},
+};
+
+const cal_cmd_row_t* find_in(std::span<const cal_cmd_row_t> rows, uint32_t code)
+{
+    for (const cal_cmd_row_t& row : rows)
         if (code >= row.code && code <= row.last)
             return &row;
     return nullptr;
@@ -321,22 +231,31 @@ const cmd_row* find_row(uint32_t code)
 
 }  // namespace
 
-// Modules not yet in the process: video output, video input (formats,
-// motion, privacy), encoder and decoder. Their entries stay NULL until they
-// join.
-cal_cmd_handlers_t cal_cmd_handlers = {};
+const cal_cmd_row_t* cal_cmd_find_row(const cal_t* cal, uint32_t code)
+{
+    if (const cal_cmd_row_t* row = find_in(k_core_rows, code))
+        return row;
+    for (int id = 0; id < CAL_MOD_COUNT; ++id)
+        if (const cal_mod_t* m = cal_mod_live(cal, static_cast<cal_mod_id>(id)))
+            if (const cal_cmd_row_t* row = find_in(m->rows, code))
+                return row;
+    return find_in(k_waiting_rows, code);
+}
 
 int cal_cmd_dispatch(cal_t* cal, hsc_msg_t* msg)
 {
-    const cmd_row* row = find_row(msg->cmd);
+    const cal_cmd_row_t* row = cal_cmd_find_row(cal, msg->cmd);
     if (row == nullptr)
         return 0;
+    // A request shorter than its payload struct runs nothing: refused where
+    // the handler's result would be the answer, 0 where the answer is
+    // always 0.
     if (msg->len < row->min_len) {
-        bool answer_zero = row->result_zero || !module_present(row->module);
         TRACE("cmd:%08x len:%u < %u refused\n", msg->cmd, msg->len, row->min_len);
-        return answer_zero ? 0 : -1;
+        return row->result_zero ? 0 : -1;
     }
-    return row->run(cal, msg);
+    int r = row->run(cal, msg);
+    return row->result_zero ? 0 : r;
 }
 
 int cal_cmd_get_status(cal_t* cal, hsc_msg_t* msg)
@@ -351,15 +270,13 @@ int cal_cmd_get_status(cal_t* cal, hsc_msg_t* msg)
         HI_MPI_VI_Query(c, &stat);
         payload_put<uint32_t>(msg, 4 + 4 * static_cast<uint32_t>(i), stat.frame_rate);
     }
-    // The encoder reports the JPEG thread's heartbeat at 52, then the
-    // decoder the decode thread's at 48. A thread that does not exist yet
-    // beats 0.
+    // The modules write their threads' heartbeats at 48 and 52; a thread
+    // whose module has not joined beats 0.
     payload_put<int32_t>(msg, 48, 0);
     payload_put<int32_t>(msg, 52, 0);
-    if (cal_cmd_handlers.enc_heart != nullptr)
-        cal_cmd_handlers.enc_heart(cal, msg->data);
-    if (cal_cmd_handlers.dec_get_heart != nullptr)
-        cal_cmd_handlers.dec_get_heart(cal, msg->data);
+    for (cal_mod_id id : CAL_MOD_STATUS_ORDER)
+        if (const cal_mod_t* m = cal_mod_live(cal, id); m != nullptr && m->status != nullptr)
+            m->status(cal, msg->data);
 
     uint64_t pts = 0;
     HI_MPI_SYS_GetCurPts(&pts);
@@ -374,7 +291,7 @@ int cal_cmd_turn(cal_t* cal, hsc_msg_t* msg)
 {
     ++heartbit;
     if (cal_hsc_read_msg(cal, msg) != 0) {
-        usleep(10000);
+        os_usleep(10000);
         return -1;
     }
     // What did not arrive reads as zeros, never as an earlier command's bytes.

@@ -114,7 +114,7 @@ int tx_encr_thread(void* arg)
         tx_msg_t msg;
         if (os_msgrcv(cal->msgid_encr, &msg, TX_MSG_BODY_SIZE, 0, MSG_NOERROR) < 0) {
             TRACE("msgrcv error!! error:%s\n", strerror(errno));
-            usleep(100000);
+            os_usleep(100000);
             continue;
         }
         if (msg.type == MSG_CMD_ENC_DATA) {
@@ -123,7 +123,7 @@ int tx_encr_thread(void* arg)
                 ebuf_hold hold{msg.encr.ebuf};
                 cal_hsc_send_ebuf(cal, hold.ebuf);
             }
-            usleep(10000);
+            os_usleep(10000);
         }
         kel_thread_inc_heart(dt);
     }
@@ -150,7 +150,7 @@ int tx_encn_thread(void* arg)
                 // The queue ran dry: what was gathered goes now.
                 if (batch.count > 0)
                     batch.hand_over(cal);
-                usleep(100000);
+                os_usleep(100000);
                 break;
             }
             if (msg.type == MSG_CMD_ENC_DATA) {
@@ -163,7 +163,7 @@ int tx_encn_thread(void* arg)
             }
             time_t t = os_time(nullptr);
             if (t != prev)
-                usleep(10000);
+                os_usleep(10000);
             prev = t;
         }
         kel_thread_inc_heart(dt);

@@ -11,6 +11,7 @@
 #include "cal/cal.h"
 #include "cal/cal_cmd.h"
 #include "cal/cal_log.h"
+#include "cal/cal_mod.h"
 #include "cal/cal_time.h"
 #include "platform/hi_mpi_pciv.h"
 #include "platform/hi_mpi_sys.h"
@@ -103,7 +104,7 @@ int _set_tz(cal_t*, const char* tz)
     return 0;
 }
 
-int _set_time(cal_t*, uint64_t seconds, uint64_t usec)
+int _set_time(cal_t* cal, uint64_t seconds, uint64_t usec)
 {
     (void)seconds;
     uint64_t old_sec = static_cast<uint64_t>(os_time(nullptr));
@@ -111,6 +112,8 @@ int _set_time(cal_t*, uint64_t seconds, uint64_t usec)
     tv.tv_sec = static_cast<time_t>(usec / 1000000);
     tv.tv_usec = static_cast<suseconds_t>(usec % 1000000);
     os_settimeofday(&tv);
+    // The encoder aligns the media time stamps with the new clock.
+    cal_mod_set_time(cal, usec);
     uint64_t new_sec = usec / 1000000;
     uint64_t diff = new_sec > old_sec ? new_sec - old_sec : old_sec - new_sec;
     TRACE("%llu %llu %llu\n", static_cast<unsigned long long>(old_sec), static_cast<unsigned long long>(new_sec),

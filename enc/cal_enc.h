@@ -11,8 +11,11 @@
 #include <pthread.h>
 #include <sys/types.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <ctime>
+
+#include "cal/cal_mod.h"
 
 struct cal_t;
 struct ebuf_t;
@@ -117,6 +120,146 @@ struct cal_enc_t {
     unsigned char osd_bmp[CAL_ENC_MAX_CAM][CAL_ENC_OSD_BYTES];
     int size;  // sizeof(cal_enc_t)
 };
+
+// ---- command payloads ----------------------------------------------------------
+
+// HSCC_CAL_SetEncVideo: 17 bytes, byte-packed as the master sends them.
+struct __attribute__((packed)) enc_set_video_cmd_t {
+    uint32_t kind;
+    float fps;         // frames per second
+    int16_t width;
+    int16_t height;
+    uint8_t cam;       // recorder-wide camera
+    uint8_t unread[2];
+    uint8_t quality;   // 1 .. 3
+    uint8_t attr;      // carried into the record index
+};
+static_assert(offsetof(enc_set_video_cmd_t, fps) == 4);
+static_assert(offsetof(enc_set_video_cmd_t, width) == 8);
+static_assert(offsetof(enc_set_video_cmd_t, height) == 10);
+static_assert(offsetof(enc_set_video_cmd_t, cam) == 12);
+static_assert(offsetof(enc_set_video_cmd_t, quality) == 15);
+static_assert(offsetof(enc_set_video_cmd_t, attr) == 16);
+static_assert(sizeof(enc_set_video_cmd_t) == 17);
+
+// HSCC_CAL_RunEncVideo.
+struct enc_run_video_cmd_t {
+    uint32_t kind;
+    uint32_t cam;      // recorder-wide camera
+    uint32_t onoff;    // 0 off
+    uint32_t stop;     // kept by the off command
+};
+static_assert(offsetof(enc_run_video_cmd_t, onoff) == 8);
+static_assert(sizeof(enc_run_video_cmd_t) == 16);
+
+// HSCC_CAL_UpdatEncVideo.
+struct enc_update_cmd_t {
+    int16_t sync;      // 1: align the clocks with t
+    int16_t fps;       // system frame rate
+    uint8_t unread[4];
+    uint64_t t;        // us since the epoch
+};
+static_assert(offsetof(enc_update_cmd_t, fps) == 2);
+static_assert(offsetof(enc_update_cmd_t, t) == 8);
+static_assert(sizeof(enc_update_cmd_t) == 16);
+
+// HSCC_CAL_3531_avcres: the count, then as many pairs as it says (the
+// record keeps CAL_ENC_AVC_MAX).
+struct enc_avcres_cmd_t {
+    int16_t avc_cnt;
+};
+static_assert(sizeof(enc_avcres_cmd_t) == 2);
+inline constexpr size_t ENC_AVC_PAIR_SIZE = 4;
+
+// Body of the update message on MSG_KEY_CE_ENC.
+struct __attribute__((packed)) enc_update_body_t {
+    int32_t flag;          // sync flag of the command
+    uint8_t reserved[8];
+    uint64_t t;            // us since the epoch
+};
+static_assert(offsetof(enc_update_body_t, t) == 12);
+static_assert(sizeof(enc_update_body_t) == ENC_UPDATE_BODY_SIZE);
+
+struct enc_update_msg_t {
+    long type;  // MSG_CMD_ENC_UPDATE
+    enc_update_body_t body;
+};
+
+// ---- module life, handlers, clocks ---------------------------------------------
+
+// The module's table: its command rows and its life.
+extern const cal_mod_t cal_enc_mod;
+
+// NULL when slave_cam (unsigned) is above 32.
+cal_enc_t* cal_enc_new(cal_t* cal);
+// Starts the encoder thread. The JPEG thread object exists but is not
+// started: its work (snapshots) has not joined yet. Sum of the starts.
+int cal_enc_start(cal_enc_t* enc);
+// Tears down every channel, then stops the threads; sum of the stops.
+int cal_enc_stop(cal_enc_t* enc);
+void cal_enc_delete(cal_enc_t* enc);
+
+// Command handlers; each takes the whole message. Set-video and run-video
+// answer -1 for a camera that is not one of the slave's (or a frame rate
+// that is no number) and change nothing.
+int cal_m_enc_set_video(cal_t* cal, hsc_msg_t* msg);
+int cal_m_enc_run_video(cal_t* cal, hsc_msg_t* msg);
+int cal_enc_update(cal_t* cal, hsc_msg_t* msg);
+int cal_m_enc_init_avcres(cal_t* cal, hsc_msg_t* msg);
+// Status reply: the encoder thread's heartbeat at payload offset 48, the
+// JPEG thread's at 52.
+int cal_enc_heart(cal_t* cal, unsigned char* payload);
+
+// Input frame rate of slave-local camera ch; 0, or -1 out of range.
+int _enc_set_ref_fps(cal_t* cal, int ch, int fps);
+// Aligns the media platform's time stamps with t (us since the epoch).
+void _enc_set_pts(cal_t* cal, uint64_t t);
+
+// ---- channel building -----------------------------------------------------------
+
+// Encoder channel numbers of camera ch's streams with n cameras.
+inline int enc_chn_of(int kind, int ch, int n)
+{
+    switch (kind) {
+    case ENC_KIND_REC:
+        return ch;
+    case ENC_KIND_NET:
+        return ch + n;
+    case ENC_KIND_REC_LOW:
+        return ch + 2 * n;
+    case ENC_KIND_NET_LOW:
+        return ch + 3 * n;
+    default:
+        return -1;
+    }
+}
+
+struct venc_chn_attr_t;
+
+// Applies the settings of every changed stream: hands over the main record
+// buffers, tears down the changed streams' channels and builds those that
+// are on. flag and t are those of the update; not used. Returns 0.
+int _update_chip(cal_t* cal, int flag, uint64_t t);
+// Builds one stream's encoder group, channel and binding; 0 or -1.
+int _process_start(cal_t* cal, int ch, int kind);
+// H.264 attributes of encoder channel vchn from its stream's settings and
+// its camera's input format; 0, or -1 for a channel outside 0 .. 4n-1.
+int _enc_chn_attr(cal_t* cal, int vchn, venc_chn_attr_t* attr);
+// Bits per second for a picture size, frame rate and quality level.
+int _calc_bitrate(int kind, int w, int h, double fps, int quality);
+// Tears down encoder channel vchn with its group and binding; 0, or -1 when
+// there is no such channel or a step fails.
+int _enc_exit_chn(int vchn);
+// _enc_exit_chn (v), then the descriptor entry of v is forgotten.
+void _enc_exit_stream_chn(cal_enc_t* enc, int v);
+// Tears down JPEG channel 32 + ch; returns 0.
+int _enc_exit_jpeg_chn(cal_enc_t* enc, int ch);
+// Every camera's JPEG channel; returns 0.
+int cal_enc_exit_jpeg(cal_t* cal);
+
+inline constexpr int ENC_JPEG_CHN_BASE = 32;
+inline constexpr int ENC_REF_MODE = 5;
+inline constexpr int32_t ENC_ERR_GRP_EXIST = static_cast<int32_t>(0xA0078004u);
 
 // ---- encoder thread and stream records --------------------------------------
 

@@ -12,7 +12,6 @@
 #include <mutex>
 
 #include "cal/cal_buf.h"
-#include "enc/cal_jpeg.h"
 #include "msg/pciv_msg.h"
 
 struct cal_t;

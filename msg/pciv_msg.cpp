@@ -8,6 +8,7 @@
 
 #include "cal/cal_log.h"
 #include "platform/mcc.h"
+#include "platform/os.h"
 
 std::atomic<int> pciv_msg_port_table[PCIV_MSG_MAX_TARGET + 1][PCIV_MSG_PORTS];
 
@@ -166,7 +167,7 @@ int pciv_wait_connect(int target)
     // No limit: start-up waits as long as the master is absent. The driver's
     // check itself waits a little while the target is unreachable.
     while (mcc_ioctl(fd, HI_MCC_IOC_CHECK, &attr) != 0)
-        usleep(0);
+        os_usleep(0);
     TRACE("have checked pci target id:%d ok ! \n", target);
     attr.port = k_handshake_port;
     attr.priority = 0;

@@ -107,7 +107,7 @@ int kel_thread_wait_stable(kel_thread_t* dt, int timeout_ms)
     int k = 0;
     if (n >= 0) {
         for (;;) {
-            usleep(20000);
+            os_usleep(20000);
             if (dt->stable != 0 || dt->running == 0)
                 break;
             if (++k > n)
@@ -202,7 +202,7 @@ int kel_thread_stop(kel_thread_t* dt, int timeout_ms)
         int cnt = timeout_ms / 10 + 1;
         int k = 0;
         while (k < cnt) {
-            usleep(10000);
+            os_usleep(10000);
             if (dt->running == 0)
                 break;
             ++k;

@@ -1,13 +1,97 @@
-// The video input module: the capture channel map of the cameras.
+// The video input module: each camera's capture format as the master last
+// set it, the capture channel map, the per-camera motion settings, and the
+// module's worker thread object.
 #pragma once
 
+#include <cstddef>
+#include <cstdint>
+
+#include "cal/cal_mod.h"
+
 struct cal_t;
+struct kel_thread_t;
 
 // Number of cameras the capture channel map covers.
 inline constexpr int CAL_VIN_MAP_CAMS = 8;
+inline constexpr int CAL_VIN_MAX_CAM = 32;
+
+struct cal_vin_t {
+    int num;                   // cameras (slave_cam)
+    kel_thread_t* thread;      // "cal_vin_thread"
+    cal_t* cal;
+    int xres[CAL_VIN_MAX_CAM];       // capture width as the master set it
+    int yres[CAL_VIN_MAX_CAM];
+    int prog[CAL_VIN_MAX_CAM];       // 1 progressive, 0 interlaced
+    double fps[CAL_VIN_MAX_CAM];
+    int type[CAL_VIN_MAX_CAM];       // camera signal type
+    int md_threshold[CAL_VIN_MAX_CAM];
+    int vda_fd[CAL_VIN_MAX_CAM];     // motion-detection channel descriptor, -1 none
+    int md_row;                // motion cells per row
+    int md_col;                // motion cells per column
+    int size;                  // sizeof(cal_vin_t)
+};
+
+// Capture format record filled by cal_m_vin_get_info; the words marked
+// reserved belong to the caller and are left as they are.
+struct vin_info_t {
+    int32_t reserved0[2];
+    int32_t xres;
+    int32_t yres;
+    int32_t prog;
+    int32_t reserved5;
+    double fps;
+};
+static_assert(offsetof(vin_info_t, xres) == 8);
+static_assert(offsetof(vin_info_t, prog) == 16);
+static_assert(offsetof(vin_info_t, fps) == 24);
+static_assert(sizeof(vin_info_t) == 32);
+
+// Payload of HSCC_CAL_SetVincaps.
+struct vin_set_caps_cmd_t {
+    int32_t cam;       // recorder-wide camera
+    int32_t xres;      // 0 or less switches the camera's capture off
+    int32_t yres;
+    int32_t prog;
+    double fps;
+    int32_t unused;
+    int32_t type;
+};
+static_assert(offsetof(vin_set_caps_cmd_t, xres) == 4);
+static_assert(offsetof(vin_set_caps_cmd_t, prog) == 12);
+static_assert(offsetof(vin_set_caps_cmd_t, fps) == 16);
+static_assert(offsetof(vin_set_caps_cmd_t, type) == 28);
+static_assert(sizeof(vin_set_caps_cmd_t) == 32);
+
+// The module's table: its command rows and its life.
+extern const cal_mod_t cal_vin_mod;
+
+// NULL when slave_cam (unsigned) is above 32.
+cal_vin_t* cal_vin_new(cal_t* cal);
+// Stops a running thread and frees the module.
+void cal_vin_delete(cal_vin_t* vin);
+// Returns 0. The thread's work (motion detection) has not joined yet, so
+// no thread is started: an idle thread would only cost a stack.
+int cal_vin_start(cal_vin_t* vin);
+// The result of stopping the thread.
+int cal_vin_stop(cal_vin_t* vin);
+
+// The stored format of slave-local camera cam; any out-parameter may be
+// NULL. 0, or -1 for a camera outside 0 .. num-1 (nothing written).
+int cal_vin_get_caps(cal_t* cal, int cam, int* xres, int* yres, int* prog, double* fps);
+int cal_m_vin_get_info(cal_t* cal, int cam, vin_info_t* info);
 
 // Camera c's main capture channel: for c in 0 .. slave_cam - 1 the map
 // entry (cameras 0 .. 7 on channels 0, 2, 14, 12, 4, 6, 10, 8; a camera
 // beyond the map gets 0); c itself for c = slave_cam; 0 below 0 or above
 // slave_cam. Its sub channel is 16 higher, its capture device half of it.
 int cal_cam_to_vi_chn(cal_t* cal, int c);
+
+// Video-loss query: 0 (signal present) for every camera; the slave keeps no
+// loss state.
+int _vin_vloss_one(cal_t* cal, int cam);
+
+// Handler of HSCC_CAL_SetVincaps: stores the format, tells the encoder the
+// camera's input rate and reconfigures the capture. The result of the
+// capture set-up (0); -1 for a camera outside 0 .. num-1 or a frame rate
+// that is not a finite number, with nothing changed.
+int _vin_set_caps(cal_t* cal, int cam, int xres, int yres, int prog, double fps, int type);
