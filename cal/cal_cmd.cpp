@@ -93,7 +93,7 @@ int row_set_zoom(cal_t* cal, hsc_msg_t* msg)
     const auto& h = cal_cmd_handlers;
     if (h.vout_set_zoom == nullptr)
         return awaiting_module(msg);
-    return h.vout_set_zoom(cal, word(msg, 0) - cal->cam_base, word(msg, 2), word(msg, 3), word(msg, 4),
+    return h.vout_set_zoom(cal, cal_local_cam(cal, word(msg, 0)), word(msg, 2), word(msg, 3), word(msg, 4),
                            word(msg, 5), word(msg, 6), word(msg, 7));
 }
 
@@ -105,7 +105,7 @@ int row_set_vincaps(cal_t* cal, hsc_msg_t* msg)
     const auto& h = cal_cmd_handlers;
     if (h.vin_set_caps == nullptr)
         return awaiting_module(msg);
-    return h.vin_set_caps(cal, word(msg, 0) - cal->cam_base, word(msg, 1), word(msg, 2), word(msg, 3), fps,
+    return h.vin_set_caps(cal, cal_local_cam(cal, word(msg, 0)), word(msg, 1), word(msg, 2), word(msg, 3), fps,
                           word(msg, 7));
 }
 
@@ -113,7 +113,7 @@ int row_set_md(cal_t* cal, hsc_msg_t* msg)
 {
     TRACE("HSCC_CAL_SetMd cam:%d cam_base:%d\n", word(msg, 0), cal->cam_base);
     const auto& h = cal_cmd_handlers;
-    return h.vin_set_md ? h.vin_set_md(cal, word(msg, 0) - cal->cam_base, word(msg, 1)) : awaiting_module(msg);
+    return h.vin_set_md ? h.vin_set_md(cal, cal_local_cam(cal, word(msg, 0)), word(msg, 1)) : awaiting_module(msg);
 }
 
 int row_set_vl(cal_t*, hsc_msg_t* msg)

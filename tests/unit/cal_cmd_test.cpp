@@ -119,6 +119,17 @@ TEST_F(cal_cmd_test, rows_hand_their_arguments_to_the_module_handlers)
     command(HSCC_CAL_SetMd, words({8, 42}));
     EXPECT_THAT(g_args, ElementsAre(0, 42));
 
+    // A camera that is not this slave's reaches the handler as -1, whatever
+    // the master sends: below cam_base, past the last camera, the int limits.
+    for (int32_t cam : {7, 8 + cal_->slave_cam, INT32_MIN, INT32_MAX}) {
+        command(HSCC_CAL_SetMd, words({cam, 1}));
+        EXPECT_THAT(g_args, ElementsAre(-1, 1)) << cam;
+        command(HSCC_CAL_SetZoom, words({cam, 0, 0, 0, 0, 0, 0, 0}));
+        EXPECT_EQ(g_args.front(), -1) << cam;
+        command(HSCC_CAL_SetVincaps, words({cam, 0, 0, 0, 0, 0, 0, 0}));
+        EXPECT_EQ(g_args.front(), -1) << cam;
+    }
+
     // The decoder's action: 2 for camera word 0, 1 for any other; flush 3.
     // The loop answers 0 whatever the decoder says.
     h.dec_cmd = [](cal_t*, int action, int arg) { return g_args = {double(action), double(arg)}, 99; };
