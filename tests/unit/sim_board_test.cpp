@@ -84,6 +84,38 @@ TEST_F(sim_board_test, the_clock_is_an_offset_kept_in_the_chips_file)
     EXPECT_EQ(read_file(chip_file("clock")), offset);
 }
 
+TEST_F(sim_board_test, a_clock_file_the_clock_cannot_keep_is_reported_and_the_clock_starts_at_the_hosts_time)
+{
+    const std::string reason = "holds no clock offset the chip can keep";
+    for (const char* text : {"9223372036854775807\n", "-9223372036854775808\n", "99999999999999999999999999\n",
+                             "-1000000000000000000\n", "12x\n", "1234567890123456789012345678901234567890\n"}) {
+        std::ofstream(chip_file("clock")) << text;
+        stderr_capture err;
+        reopen("");
+        EXPECT_THAT(err.text(), ::testing::HasSubstr(reason)) << text;
+        EXPECT_NEAR(static_cast<double>(os_time(nullptr)), static_cast<double>(time(nullptr)), 2.0) << text;
+        struct timeval tv;
+        os_gettimeofday(&tv);
+        EXPECT_NEAR(static_cast<double>(tv.tv_sec), static_cast<double>(time(nullptr)), 2.0) << text;
+        EXPECT_EQ(read_file(chip_file("clock")), "0\n") << text;
+    }
+    // A clock at the year 9999 is one the clock keeps; an empty file is a
+    // fresh chip's.
+    for (const char* text : {"", "0\n"}) {
+        std::ofstream(chip_file("clock")) << text;
+        stderr_capture err;
+        reopen("");
+        EXPECT_THAT(err.text(), ::testing::Not(::testing::HasSubstr(reason))) << text;
+    }
+    struct timeval late{253402300799, 0};
+    ASSERT_EQ(os_settimeofday(&late), 0);
+    std::string offset = read_file(chip_file("clock"));
+    stderr_capture err;
+    reopen("");
+    EXPECT_THAT(err.text(), ::testing::Not(::testing::HasSubstr(reason)));
+    EXPECT_EQ(read_file(chip_file("clock")), offset);
+}
+
 TEST_F(sim_board_test, shell_commands_and_syslog_become_the_chips_files)
 {
     std::string marker = board_.file("ran");
