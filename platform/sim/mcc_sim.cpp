@@ -32,7 +32,7 @@
 
 namespace {
 
-constexpr int k_max_target = 31;
+constexpr int k_max_target = SIM_MCC_MAX_TARGET;
 constexpr int k_handshake_port = 1000;
 constexpr size_t k_relay_stack = 128 * 1024;
 

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <sched.h>
 #include <sys/msg.h>
+#include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -37,6 +38,27 @@ TEST(sim_board_open, refuses_an_unusable_board_and_gives_each_chip_its_own_direc
     ASSERT_EQ(sim_board_open((board.path() + "//").c_str(), 2, "", &err), 0) << err;
     EXPECT_EQ(sim_chip_path("shell.log"), board.path() + "/chip2/shell.log");
     sim_board_close();
+
+    // The chip sockets' paths must fit a socket address (107 bytes): a
+    // directory that leaves no room for <dir>/chip31.sock is refused before
+    // anything is made in it; one byte less is a board. Trailing slashes
+    // do not count.
+    const std::string base = board.path() + "/";
+    const size_t room = 107 - std::string("/chip31.sock").size() - base.size();
+    const std::string fits = base + std::string(room, 'f'), too_long = base + std::string(room + 1, 'l');
+    ASSERT_EQ(mkdir(fits.c_str(), 0755), 0);
+    ASSERT_EQ(mkdir(too_long.c_str(), 0755), 0);
+    EXPECT_EQ(sim_board_open(too_long.c_str(), 1, "", &err), -1);
+    EXPECT_THAT(err, ::testing::HasSubstr("is too long: " + too_long + "/chip31.sock must fit in 107 bytes"));
+    EXPECT_FALSE(file_exists(too_long + "/chip1"));
+    ASSERT_EQ(sim_board_open((fits + "///").c_str(), 1, "", &err), 0) << err;
+    sim_board_close();
+    setenv("TARVO_BOARD", too_long.c_str(), 1);
+    setenv("TARVO_CHIP_ID", "1", 1);
+    unsetenv("TARVO_SIM_FAIL");
+    char* argv[] = {const_cast<char*>("tarvo3532"), nullptr};
+    EXPECT_EXIT(_exit(platform_init(1, argv) == 0 ? 0 : 2), ::testing::ExitedWithCode(2), "is too long");
+    EXPECT_FALSE(file_exists(too_long + "/chip1"));
 }
 
 class sim_board_test : public board_test {};
