@@ -140,9 +140,16 @@ void low_power(int master, int num_vin)
 int _set_tz(cal_t*, const char* tz)
 {
     TRACE("tz:%s\n", tz);
-    cal_set_tz_env(tz);
-    // The zone text comes from the master: it is written as data, never
-    // handed to a shell.
+    // The zone text comes from the master: applied only when it is a zone
+    // rule or a zone name, and written as data, never handed to a shell.
+    if (cal_set_tz_env(tz) != 0) {
+        size_t n = strnlen(tz, CAL_TZ_MAX + 1);
+        if (n > CAL_TZ_MAX)
+            TRACE("tz not applied: longer than %zu characters\n", CAL_TZ_MAX);
+        else
+            TRACE("tz not applied: neither a zone rule nor a zone name\n");
+        return 0;
+    }
     os_write_etc_tz(tz);
     return 0;
 }
