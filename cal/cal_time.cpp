@@ -117,7 +117,17 @@ bool zone_name(std::string_view s)
 struct tm* cal_localtime(struct tm* out, const time_t* t)
 {
     std::lock_guard lock(g_localtime_mutex);
-    *out = *localtime(t);
+    const struct tm* local = t != nullptr ? localtime(t) : nullptr;
+    if (local != nullptr) {
+        *out = *local;
+    } else {
+        // A time beyond what the broken-down year can hold: the caller gets
+        // the epoch, a date every user of the record can print and file.
+        *out = tm{};
+        out->tm_mday = 1;
+        out->tm_year = 70;
+        out->tm_wday = 4;
+    }
     return out;
 }
 

@@ -6,6 +6,8 @@
 
 // Breaks t down to local time into out, under the process-wide local-time
 // mutex, so that no two threads share the C library's static result.
+// A time it cannot convert (its year beyond an int) gives 1970-01-01
+// 00:00:00 rather than a fault.
 struct tm* cal_localtime(struct tm* out, const time_t* t);
 
 // The wall clock in milliseconds: seconds * 1000.0 + microseconds / 1000.
