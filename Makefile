@@ -13,7 +13,7 @@ APT_PACKAGES := cmake make g++ libgtest-dev libgmock-dev googletest libbenchmark
 DEMO_BOARD ?= $(CURDIR)/build/demo-board
 DEMO_OUT ?= $(CURDIR)/build/demo-record
 
-.PHONY: all deps build build-arm test test-host arm-test asan tsan release bench demo clean
+.PHONY: all deps build build-arm test test-host arm-test asan tsan release bench bench-run demo clean
 
 all: build
 
@@ -59,8 +59,22 @@ release: deps
 	@cmake --preset release >/dev/null
 	@cmake --build --preset release -j$(JOBS)
 
+# Every benchmark runs; the target fails when one of them fails (or when
+# there is none to run).
+BENCH_DIR ?= build-release/bench
+
 bench: release
-	@for b in build-release/bench/bench_*; do [ -x "$$b" ] && "$$b"; done; true
+	@$(MAKE) --no-print-directory bench-run
+
+bench-run:
+	@ran=0; failed=""; \
+	for b in $(BENCH_DIR)/bench_*; do \
+	  [ -f "$$b" ] && [ -x "$$b" ] || continue; \
+	  ran=$$((ran + 1)); \
+	  "$$b" || failed="$$failed $$(basename "$$b")"; \
+	done; \
+	if [ $$ran -eq 0 ]; then echo "make bench: no benchmark in $(BENCH_DIR)" >&2; exit 1; fi; \
+	if [ -n "$$failed" ]; then echo "make bench: failed:$$failed" >&2; exit 1; fi
 
 # The master emulator starts DEMO_SLAVES slaves (default 1) of DEMO_CAMERAS
 # cameras (default 8) and records every stream for DEMO_SECONDS (default 30)

@@ -3,7 +3,9 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -48,7 +50,49 @@ int arg_number(const char* text)
     return static_cast<int>(std::strtol(text, nullptr, 10));
 }
 
+// The value of a numeric argument as _parse_args takes it, widened so that
+// a number beyond an int is seen as such; false when it is.
+bool arg_in_int(const char* text, int64_t* out)
+{
+    errno = 0;
+    long long v = std::strtoll(text, nullptr, 10);
+    *out = v;
+    return errno != ERANGE && v >= INT_MIN && v <= INT_MAX;
+}
+
 }  // namespace
+
+int _check_args(char** argv)
+{
+    const char* names[3] = {"cam_base", "slave_cam", "num_vin"};
+    int64_t v[3];
+    for (int i = 0; i < 3; ++i) {
+        if (!arg_in_int(argv[2 + i], &v[i])) {
+            std::fprintf(stderr, "tarvo3532: %s '%s' is out of range\n", names[i], argv[2 + i]);
+            return -1;
+        }
+    }
+    const int64_t cam_base = v[0], slave_cam = v[1], num_vin = v[2];
+    if (slave_cam < 0 || slave_cam > 32) {
+        std::fprintf(stderr, "tarvo3532: slave_cam must be 0 to 32, not %lld\n", static_cast<long long>(slave_cam));
+        return -1;
+    }
+    if (num_vin < 0 || num_vin > 32) {
+        std::fprintf(stderr, "tarvo3532: num_vin must be 0 to 32, not %lld\n", static_cast<long long>(num_vin));
+        return -1;
+    }
+    // The highest stream number is the last camera's recording copy:
+    // cam_base + slave_cam - 1 + 2 * num_vin. It must be an int.
+    if (cam_base < 0 || cam_base + slave_cam - 1 + 2 * num_vin > INT_MAX) {
+        std::fprintf(stderr,
+                     "tarvo3532: cam_base must be 0 to %lld for %lld cameras and %lld inputs, not %lld\n",
+                     static_cast<long long>(INT_MAX - std::max<int64_t>(slave_cam - 1 + 2 * num_vin, 0)),
+                     static_cast<long long>(slave_cam), static_cast<long long>(num_vin),
+                     static_cast<long long>(cam_base));
+        return -1;
+    }
+    return 0;
+}
 
 void _parse_args(cal_t* cal, char** argv)
 {
@@ -97,9 +141,16 @@ void low_power(int master, int num_vin)
 int _set_tz(cal_t*, const char* tz)
 {
     TRACE("tz:%s\n", tz);
-    cal_set_tz_env(tz);
-    // The zone text comes from the master: it is written as data, never
-    // handed to a shell.
+    // The zone text comes from the master: applied only when it is a zone
+    // rule or a zone name, and written as data, never handed to a shell.
+    if (cal_set_tz_env(tz) != 0) {
+        size_t n = strnlen(tz, CAL_TZ_MAX + 1);
+        if (n > CAL_TZ_MAX)
+            TRACE("tz not applied: longer than %zu characters\n", CAL_TZ_MAX);
+        else
+            TRACE("tz not applied: neither a zone rule nor a zone name\n");
+        return 0;
+    }
     os_write_etc_tz(tz);
     return 0;
 }
@@ -128,6 +179,9 @@ int tarvo_main(int argc, char** argv)
                      argc > 0 ? argv[0] : "tarvo3532");
         return 2;
     }
+    // Refused before the board is touched, like an unusable board.
+    if (_check_args(argv) != 0)
+        return 2;
     if (platform_init(argc, argv) != 0)
         return 2;
 

@@ -14,6 +14,14 @@ int tarvo_main(int argc, char** argv);
 // Fills the settings of the core from the four command-line arguments.
 void _parse_args(cal_t* cal, char** argv);
 
+// Refuses a command line the process cannot serve, with the reason on
+// standard error: a number beyond an int, slave_cam or num_vin outside
+// 0 .. 32, or a cam_base below 0 or so high that a stream number
+// (cam_base + slave_cam - 1 + 2 * num_vin at most) would pass the int
+// limit. Text that is no number stays 0, as _parse_args reads it.
+// Returns 0 or -1; argv holds at least five entries.
+int _check_args(char** argv);
+
 void _init_mem();
 void low_power(int master, int num_vin);
 int _set_tz(cal_t* cal, const char* tz);

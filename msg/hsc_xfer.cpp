@@ -56,7 +56,9 @@ cal_hsc_t* checked_hsc(cal_t* cal)
 
 // A batch is taken whole or not at all: its count, its total and every
 // item's bytes (plus `extra` bytes of descriptor per item in the window) are
-// checked before anything is copied or released.
+// checked before anything is copied or released. The total must be what the
+// items fill in the window: a larger one would send stale bytes after them,
+// a smaller one would cut them off.
 template <typename Desc>
 bool batch_acceptable(const int* channels, const Desc* descs, int n, int max_n, int total, uint32_t extra)
 {
@@ -75,6 +77,11 @@ bool batch_acceptable(const int* channels, const Desc* descs, int n, int max_n, 
     }
     if (need > HSC_BUF_SIZE) {
         TRACE("refused.. n:%d bytes:%llu > %u\n", n, static_cast<unsigned long long>(need), HSC_BUF_SIZE);
+        return false;
+    }
+    if (need != static_cast<uint64_t>(total)) {
+        TRACE("refused.. n:%d total:%d but the items fill %llu bytes\n", n, total,
+              static_cast<unsigned long long>(need));
         return false;
     }
     return true;

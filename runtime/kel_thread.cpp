@@ -16,10 +16,22 @@ kel_thread_t* kel_thread_registry = nullptr;
 
 namespace {
 
+void release(kel_thread_t* dt)
+{
+    if (dt->holders.fetch_sub(1, std::memory_order_acq_rel) == 1)
+        delete dt;
+}
+
 // The entry of every started thread.
 void* def_thread(void* p)
 {
     kel_thread_t* dt = static_cast<kel_thread_t*>(p);
+    // The thread's last act, also when a cancel unwinds it: let go of the
+    // object, which the owner may have deleted meanwhile.
+    struct holder {
+        kel_thread_t* dt;
+        ~holder() { release(dt); }
+    } hold{dt};
     if (dt->fn == nullptr) {
         // Nothing to run: the thread ends at once, and is no longer running.
         dt->running = 0;
@@ -53,6 +65,7 @@ kel_thread_t* kel_thread_new(const char* name, size_t stacksize)
     if (dt == nullptr)
         CAL_FATAL("malloc(kel_thread_t) is NULL\n");
     dt->size = sizeof(kel_thread_t);
+    dt->holders = 1;
     dt->stacksize = stacksize;
     if (name != nullptr)
         std::snprintf(dt->name, sizeof(dt->name), "%s", name);
@@ -82,8 +95,10 @@ int kel_thread_start(kel_thread_t* dt, int (*fn)(void*), void* arg)
     pthread_attr_getstacksize(&attr, &cur_size);
 
     dt->running = 1;
+    dt->holders.fetch_add(1, std::memory_order_relaxed);
     int r = pthread_create(&dt->id, &attr, def_thread, dt);
     if (r != 0) {
+        dt->holders.fetch_sub(1, std::memory_order_relaxed);
         dt->id = 0;
         dt->running = 0;
         pthread_attr_destroy(&attr);
@@ -233,7 +248,7 @@ void kel_thread_delete(kel_thread_t* dt)
     if (dt->id != 0)
         kel_thread_stop(dt, 1000);
     llist_remove(&kel_thread_registry, dt);
-    delete dt;
+    release(dt);
 }
 
 void kel_thread_dump()

@@ -32,6 +32,10 @@ struct kel_thread_t {
     size_t stacksize;            // 0: system default
     int (*fn)(void*);
     int size;                    // sizeof(kel_thread_t)
+    // Holders of the object: its owner, and each started thread until its
+    // last act. A thread cancelled and left running still reads the object;
+    // whichever holder lets go last frees it.
+    std::atomic<int> holders;
 };
 
 // Every thread object, in order of creation; main thread only.
@@ -52,5 +56,7 @@ int kel_thread_heart(kel_thread_t* dt);
 int kel_thread_running(kel_thread_t* dt);
 int kel_thread_notify_stop(kel_thread_t* dt);
 int kel_thread_stop(kel_thread_t* dt, int timeout_ms);
+// Removes the object from the registry (stopping its thread first); the
+// memory goes when a thread that did not stop, cancelled, finally ends.
 void kel_thread_delete(kel_thread_t* dt);
 void kel_thread_dump();

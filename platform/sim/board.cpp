@@ -1,6 +1,7 @@
 #include "platform/sim/board.h"
 
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -11,6 +12,7 @@
 #include "platform/os.h"
 #include "platform/sim/families.h"
 #include "platform/sim/fault.h"
+#include "platform/sim/mcc_sim.h"
 
 namespace {
 
@@ -66,13 +68,22 @@ int sim_board_open(const char* dir, int chip, const char* fail_rules, std::strin
         *err = "TARVO_CHIP_ID must be 1 to 14, not " + std::to_string(chip);
         return -1;
     }
+    std::string trimmed = dir;
+    while (trimmed.size() > 1 && trimmed.back() == '/')
+        trimmed.pop_back();
+    // Checked before anything is created: the chip's sockets live in the
+    // board directory and their paths must fit a socket address.
+    const std::string longest = trimmed + "/" + SIM_MCC_LONGEST_SOCK;
+    if (longest.size() >= sizeof(sockaddr_un::sun_path)) {
+        *err = std::string("board directory ") + dir + " is too long: " + longest + " must fit in " +
+               std::to_string(sizeof(sockaddr_un::sun_path) - 1) + " bytes";
+        return -1;
+    }
     if (sim_fault_set(fail_rules, err) != 0)
         return -1;
 
-    g_dir = dir;
+    g_dir = trimmed;
     g_cam_base = 0;
-    while (g_dir.size() > 1 && g_dir.back() == '/')
-        g_dir.pop_back();
     g_chip = chip;
     for (const char* sub : {"", "/etc", "/var", "/var/log"})
         if (make_dir(sim_chip_path("") + sub, err) != 0)

@@ -1,6 +1,7 @@
 #include "platform/sim/board_conf.h"
 
 #include <charconv>
+#include <climits>
 #include <cmath>
 #include <cstdio>
 #include <fstream>
@@ -87,9 +88,11 @@ std::string parse_camera(const std::vector<std::string_view>& w, int* number, si
 
 }  // namespace
 
-sim_camera_conf sim_board_conf::camera(int number) const
+sim_camera_conf sim_board_conf::camera(int64_t number) const
 {
-    auto it = cameras.find(number);
+    if (number < 0 || number > INT_MAX)
+        return {};
+    auto it = cameras.find(static_cast<int>(number));
     return it == cameras.end() ? sim_camera_conf{} : it->second;
 }
 

@@ -6,6 +6,7 @@
 // a line delivers 1920 x 1080 progressive at 30 frames per second, moving.
 #pragma once
 
+#include <cstdint>
 #include <map>
 #include <string>
 #include <string_view>
@@ -30,7 +31,8 @@ inline constexpr double SIM_CAM_MAX_FPS = 240.0;
 struct sim_board_conf {
     std::map<int, sim_camera_conf> cameras;  // by recorder-wide number
 
-    sim_camera_conf camera(int number) const;
+    // Any number is safe to ask: one beyond the table is a default camera.
+    sim_camera_conf camera(int64_t number) const;
 };
 
 // Parses the text. A malformed line (or a second line for one camera) is

@@ -9,6 +9,8 @@
 #include <string_view>
 #include <vector>
 
+#include "platform/os.h"
+
 namespace {
 
 struct fault_rule {
@@ -25,6 +27,35 @@ constexpr std::array<const char*, SIM_OP_COUNT> k_names = {
 // Written only while no operation runs (board open); read by every thread.
 std::array<std::vector<fault_rule>, SIM_OP_COUNT> g_rules;
 std::array<std::atomic<uint32_t>, SIM_OP_COUNT> g_calls;
+
+// The line on standard error for a failed call: at most one a second per
+// operation, so that a caller retrying a failing call in a loop does not
+// flood the console; the next line counts the failures left unreported.
+constexpr int64_t k_report_period_us = 1000000;
+constexpr int64_t k_never = INT64_MIN;
+struct fault_report {
+    std::atomic<int64_t> last_us{k_never};
+    std::atomic<uint32_t> quiet{0};
+};
+std::array<fault_report, SIM_OP_COUNT> g_reports;
+
+void report(sim_op op, uint32_t n, int32_t code)
+{
+    fault_report& r = g_reports[op];
+    const int64_t now = os_monotonic_us();
+    int64_t last = r.last_us.load(std::memory_order_relaxed);
+    if ((last != k_never && now - last < k_report_period_us) ||
+        !r.last_us.compare_exchange_strong(last, now, std::memory_order_relaxed)) {
+        r.quiet.fetch_add(1, std::memory_order_relaxed);
+        return;
+    }
+    uint32_t quiet = r.quiet.exchange(0, std::memory_order_relaxed);
+    if (quiet == 0)
+        std::fprintf(stderr, "sim: %s call %u fails with %#x\n", k_names[op], n, static_cast<unsigned>(code));
+    else
+        std::fprintf(stderr, "sim: %s call %u fails with %#x (%u more failures not reported)\n", k_names[op], n,
+                     static_cast<unsigned>(code), quiet);
+}
 
 int find_op(std::string_view name)
 {
@@ -114,6 +145,10 @@ int sim_fault_set(const char* rules, std::string* err)
     g_rules = std::move(parsed);
     for (auto& c : g_calls)
         c.store(0, std::memory_order_relaxed);
+    for (fault_report& r : g_reports) {
+        r.last_us.store(k_never, std::memory_order_relaxed);
+        r.quiet.store(0, std::memory_order_relaxed);
+    }
     return 0;
 }
 
@@ -122,8 +157,7 @@ int32_t sim_fail(sim_op op)
     uint32_t n = g_calls[op].fetch_add(1, std::memory_order_relaxed) + 1;
     for (const fault_rule& r : g_rules[op]) {
         if (r.nth == 0 || r.nth == n) {
-            std::fprintf(stderr, "sim: %s call %u fails with %#x\n", k_names[op], n,
-                         static_cast<unsigned>(r.code));
+            report(op, n, r.code);
             return r.code;
         }
     }

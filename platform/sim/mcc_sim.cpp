@@ -19,20 +19,20 @@
 #include <atomic>
 #include <cerrno>
 #include <cstring>
-#include <ctime>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
 
 #include "platform/mcc.h"
+#include "platform/os.h"
 #include "platform/sim/board.h"
 #include "platform/sim/families.h"
 #include "platform/sim/fault.h"
 
 namespace {
 
-constexpr int k_max_target = 31;
+constexpr int k_max_target = SIM_MCC_MAX_TARGET;
 constexpr int k_handshake_port = 1000;
 constexpr size_t k_relay_stack = 128 * 1024;
 
@@ -291,6 +291,13 @@ int do_connect(int fd, mcc_handle_attr* attr)
     return 0;
 }
 
+// A failed check waits before it answers: the caller retries at once, and
+// the wait keeps it from spinning.
+void check_pause()
+{
+    os_usleep(SIM_MCC_RETRY_MS * 1000);
+}
+
 }  // namespace
 
 int sim_mcc_open(std::string*)
@@ -354,8 +361,12 @@ int mcc_ioctl(int fd, unsigned long request, mcc_handle_attr* attr)
     case HI_MCC_IOC_ATTR_INIT: op = SIM_OP_HI_MCC_IOC_ATTR_INIT; break;
     default: return fail_errno(ENOTTY);
     }
-    if (int32_t code = sim_fail(op))
+    if (int32_t code = sim_fail(op)) {
+        // An injected failure costs what the real one costs.
+        if (request == HI_MCC_IOC_CHECK)
+            check_pause();
         return fail_errno(code);
+    }
     if (attr == nullptr)
         return fail_errno(EFAULT);
     {
@@ -371,11 +382,7 @@ int mcc_ioctl(int fd, unsigned long request, mcc_handle_attr* attr)
     case HI_MCC_IOC_CHECK:
         if (attr->target_id >= 0 && attr->target_id <= k_max_target && reachable(chip_sock_path(attr->target_id)))
             return 0;
-        {
-            // The caller retries at once; waiting here keeps it from spinning.
-            timespec ts{0, SIM_MCC_RETRY_MS * 1000000L};
-            nanosleep(&ts, nullptr);
-        }
+        check_pause();
         return fail_errno(EHOSTUNREACH);
     case HI_MCC_IOC_GET_LOCAL_ID:
         return sim_chip_id();

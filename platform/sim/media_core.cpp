@@ -233,7 +233,7 @@ std::vector<sim_mem_conf> sim_media_mem_confs()
 sim_camera_conf sim_media_camera(int input)
 {
     media_access m(media_access::read);
-    return m->board.camera(sim_cam_base() + input);
+    return m->board.camera(int64_t{sim_cam_base()} + input);
 }
 
 // ---- system family: routing and memory zones --------------------------------

@@ -113,15 +113,44 @@ void write_clock_file()
     replace_file(sim_chip_path("clock"), text);
 }
 
+// The clock holds what the kernel's would: times from the epoch to the end
+// of the year 9999, which keeps the offset arithmetic far from overflow.
+constexpr int64_t k_clock_max_us = 253402300799 * int64_t{1000000} + 999999;  // 9999-12-31 23:59:59.999999
+
+// The offset written in text (decimal microseconds), or false when it is
+// none or would put the clock at a time the clock cannot hold.
+bool offset_for(int64_t now_us, const char* text, int64_t* offset)
+{
+    errno = 0;
+    char* end = nullptr;
+    long long v = std::strtoll(text, &end, 10);
+    while (end != text && (*end == '\n' || *end == ' '))
+        ++end;
+    if (end == text || *end != '\0' || errno == ERANGE || v < -now_us || v > k_clock_max_us - now_us)
+        return false;
+    *offset = v;
+    return true;
+}
+
+// The offset the chip's clock had when the process last ran. A file that
+// does not hold one the clock can keep is reported and the clock starts at
+// the host's time.
 void load_clock_file()
 {
     g_clock_offset_us = 0;
-    FILE* f = std::fopen(sim_chip_path("clock").c_str(), "r");
+    const std::string path = sim_chip_path("clock");
+    FILE* f = std::fopen(path.c_str(), "r");
     if (f != nullptr) {
-        long long v = 0;
-        if (std::fscanf(f, "%lld", &v) == 1)
-            g_clock_offset_us = v;
+        char text[32] = {};
+        size_t n = std::fread(text, 1, sizeof(text) - 1, f);
+        bool longer = std::fgetc(f) != EOF;
         std::fclose(f);
+        text[n] = '\0';
+        int64_t offset = 0;
+        if (n > 0 && (longer || !offset_for(host_now_us(), text, &offset)))
+            std::fprintf(stderr, "sim: %s holds no clock offset the chip can keep; the clock starts at the host's "
+                                 "time\n", path.c_str());
+        g_clock_offset_us = offset;
     }
     write_clock_file();
 }
@@ -277,12 +306,9 @@ int os_settimeofday(const struct timeval* tv)
         errno = code;
         return -1;
     }
-    // Like the kernel, refuse what the clock cannot hold: here, times before
-    // the epoch or after the year 9999, which keeps the offset arithmetic
-    // far from overflow.
-    constexpr int64_t k_max_sec = 253402300799;  // 9999-12-31 23:59:59 UTC
+    // Like the kernel, refuse what the clock cannot hold.
     if (tv == nullptr || tv->tv_usec < 0 || tv->tv_usec >= 1000000 || tv->tv_sec < 0 ||
-        static_cast<int64_t>(tv->tv_sec) > k_max_sec) {
+        static_cast<int64_t>(tv->tv_sec) > k_clock_max_us / 1000000) {
         errno = EINVAL;
         return -1;
     }

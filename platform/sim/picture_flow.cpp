@@ -31,7 +31,7 @@ double sim_flow_vi_fps(const sim_media& m, int32_t chn)
     if (chn < 0 || chn >= VIU_MAX_CHN_NUM)
         return 0;
     int input = sim_vi_input_of_dev(vi_dev_of_chn(chn));
-    double fps = m.board.camera(sim_cam_base() + input).delivered_fps();
+    double fps = m.board.camera(int64_t{sim_cam_base()} + input).delivered_fps();
     const vi_chn_attr_t& a = m.vi_chn[chn].attr;
     if (a.src_frame_rate > 0)
         fps = fps * a.frame_rate / a.src_frame_rate;

@@ -81,6 +81,31 @@ private:
     std::string text_;
 };
 
+// The same for standard error (the platform's own reports).
+class stderr_capture {
+public:
+    stderr_capture()
+    {
+        std::fflush(stderr);
+        testing::internal::CaptureStderr();
+    }
+    ~stderr_capture() { text(); }
+
+    std::string text()
+    {
+        if (active_) {
+            std::fflush(stderr);
+            text_ = testing::internal::GetCapturedStderr();
+            active_ = false;
+        }
+        return text_;
+    }
+
+private:
+    bool active_ = true;
+    std::string text_;
+};
+
 // Points standard output at standard error, so that a death test sees the
 // process's console lines (cal_log writes to standard output).
 inline void stdout_to_stderr()

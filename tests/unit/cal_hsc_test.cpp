@@ -85,7 +85,16 @@ TEST_F(cal_hsc_test, refused_before_the_windows_or_when_too_big_nothing_is_sent_
     EXPECT_EQ(cal_hsc_send_nbuf(cal_, ch, nd, 129, 0), -1);
     EXPECT_EQ(cal_hsc_send_nbuf(cal_, ch, nd + 1, 2, 2096000), -1);
     EXPECT_EQ(cal_hsc_send_jpg(cal_, ch, jd, 11, 0), -1);
-    EXPECT_THAT(out.text(), HasSubstr("refused.. n:2 bytes:2200056 > 2097152"));
+    // A total other than what the items fill: 28 + 100 for the frame, 10
+    // for the picture. More would ship stale window bytes, less cut them.
+    for (int total : {127, 129, 0, 100})
+        EXPECT_EQ(cal_hsc_send_nbuf(cal_, ch, nd, 1, total), -1) << total;
+    for (int total : {9, 11, 2000})
+        EXPECT_EQ(cal_hsc_send_jpg(cal_, ch, jd, 1, total), -1) << total;
+    const std::string text = out.text();
+    EXPECT_THAT(text, HasSubstr("refused.. n:2 bytes:2200056 > 2097152"));
+    EXPECT_THAT(text, HasSubstr("refused.. n:1 total:129 but the items fill 128 bytes"));
+    EXPECT_THAT(text, HasSubstr("refused.. n:1 total:2000 but the items fill 10 bytes"));
     EXPECT_TRUE(master_->echoed(MSGPORT_ENCN).empty() && master_->echoed(MSGPORT_ENCJPG).empty());
     EXPECT_EQ(nbuf_get_cnt() + ebuf_get_cnt(), 2);
     nbuf_free(nd[0].data, 100);  // all still the caller's to release

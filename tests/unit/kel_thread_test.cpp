@@ -62,6 +62,31 @@ int stubborn(void* p)
     }
 }
 
+// Ready, ignores want_exit, and holds off a cancel until the test has
+// deleted its object; then, before it reaches a cancellation point, it
+// reads the object once more, as any thread may between two of them.
+struct late_reader_job : job {
+    std::atomic<bool> deleted{false};
+    std::atomic<int> heart_seen{-1};
+};
+
+int late_reader(void* p)
+{
+    auto* j = static_cast<late_reader_job*>(p);
+    struct mark {
+        job* j;
+        ~mark() { j->finished = true; }
+    } m{j};
+    kel_thread_set_stable(j->dt, 1);
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
+    while (!j->deleted)
+        usleep(1000);
+    j->heart_seen = kel_thread_heart(j->dt);
+    pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, nullptr);
+    for (;;)
+        pthread_testcancel();
+}
+
 template <class Pred>
 bool wait_until(Pred pred)
 {
@@ -155,6 +180,22 @@ TEST_F(kel_thread_test, a_thread_that_ignores_want_exit_is_cancelled)
     EXPECT_THAT(out.text(), HasSubstr("> name:stubborn cnt:6 k:6 running:1\n"));
     EXPECT_THAT(read_file(chip_file("var/log/message")), HasSubstr("> still running\n"));
     EXPECT_TRUE(wait_until([&] { return j.finished.load(); })) << "not cancelled";
+}
+
+TEST_F(kel_thread_test, a_deleted_object_outlives_the_cancelled_thread_that_still_reads_it)
+{
+    late_reader_job j;
+    start(j, "late", late_reader);
+    kel_thread_wait_stable(j.dt, 5000);
+    kel_thread_inc_heart(j.dt);
+    // The stop inside the delete cancels it; the cancel waits for the
+    // thread's next cancellation point, and the thread reads its object
+    // before that (the address sanitizer reports a read of freed memory
+    // when the object has gone).
+    kel_thread_delete(j.dt);
+    j.deleted = true;
+    ASSERT_TRUE(wait_until([&] { return j.finished.load(); })) << "not cancelled";
+    EXPECT_EQ(j.heart_seen.load(), 1);
 }
 
 TEST_F(kel_thread_test, a_thread_that_cannot_be_created_leaves_the_object_stopped)

@@ -3,9 +3,15 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+
+#include <cerrno>
+#include <chrono>
+#include <sstream>
 #include <thread>
 
 #include "msg/pciv_msg.h"
+#include "platform/mcc.h"
 #include "platform/sim/fault.h"
 #include "tests/support/fake_master.h"
 #include "tests/support/test_board.h"
@@ -98,6 +104,36 @@ TEST_F(pciv_msg_test, wait_connect_waits_for_the_master_without_spinning_then_sh
     int local = -1, remote[36], count = -1;
     ASSERT_EQ(pciv_scan_slave(&local, remote, &count), 0);
     EXPECT_TRUE(local == 1 && count == 1 && remote[0] == 0);
+}
+
+TEST_F(pciv_msg_test, an_injected_check_failure_waits_like_a_real_one_and_is_reported_once_a_second_with_a_count)
+{
+    reopen("HI_MCC_IOC_CHECK=A0018006");
+    int fd = mcc_open(MCC_DEV_NAME, O_RDWR);
+    ASSERT_GE(fd, 0);
+    mcc_handle_attr attr{};
+    attr.target_id = 0;
+    stderr_capture err;
+    const auto t0 = std::chrono::steady_clock::now();
+    int calls = 0;
+    while (std::chrono::steady_clock::now() - t0 < std::chrono::milliseconds(1100)) {
+        EXPECT_EQ(mcc_ioctl(fd, HI_MCC_IOC_CHECK, &attr), -1);
+        EXPECT_EQ(errno, 0xA0018006);
+        ++calls;
+    }
+    mcc_close(fd);
+    // A failed check waits 10 ms, injected or not: about 110 calls, not the
+    // hundreds of thousands of a loop that spins.
+    EXPECT_LE(calls, 111);
+    std::vector<std::string> lines;
+    std::istringstream text(err.text());
+    for (std::string line; std::getline(text, line);)
+        if (line.find("HI_MCC_IOC_CHECK") != std::string::npos)
+            lines.push_back(line);
+    ASSERT_EQ(lines.size(), 2u) << err.text();
+    EXPECT_EQ(lines[0], "sim: HI_MCC_IOC_CHECK call 1 fails with 0xa0018006");
+    EXPECT_THAT(lines[1], ::testing::MatchesRegex("sim: HI_MCC_IOC_CHECK call [0-9]+ fails with 0xa0018006 "
+                                                  "\\([0-9]+ more failures not reported\\)"));
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <sched.h>
 #include <sys/msg.h>
+#include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -37,6 +38,27 @@ TEST(sim_board_open, refuses_an_unusable_board_and_gives_each_chip_its_own_direc
     ASSERT_EQ(sim_board_open((board.path() + "//").c_str(), 2, "", &err), 0) << err;
     EXPECT_EQ(sim_chip_path("shell.log"), board.path() + "/chip2/shell.log");
     sim_board_close();
+
+    // The chip sockets' paths must fit a socket address (107 bytes): a
+    // directory that leaves no room for <dir>/chip31.sock is refused before
+    // anything is made in it; one byte less is a board. Trailing slashes
+    // do not count.
+    const std::string base = board.path() + "/";
+    const size_t room = 107 - std::string("/chip31.sock").size() - base.size();
+    const std::string fits = base + std::string(room, 'f'), too_long = base + std::string(room + 1, 'l');
+    ASSERT_EQ(mkdir(fits.c_str(), 0755), 0);
+    ASSERT_EQ(mkdir(too_long.c_str(), 0755), 0);
+    EXPECT_EQ(sim_board_open(too_long.c_str(), 1, "", &err), -1);
+    EXPECT_THAT(err, ::testing::HasSubstr("is too long: " + too_long + "/chip31.sock must fit in 107 bytes"));
+    EXPECT_FALSE(file_exists(too_long + "/chip1"));
+    ASSERT_EQ(sim_board_open((fits + "///").c_str(), 1, "", &err), 0) << err;
+    sim_board_close();
+    setenv("TARVO_BOARD", too_long.c_str(), 1);
+    setenv("TARVO_CHIP_ID", "1", 1);
+    unsetenv("TARVO_SIM_FAIL");
+    char* argv[] = {const_cast<char*>("tarvo3532"), nullptr};
+    EXPECT_EXIT(_exit(platform_init(1, argv) == 0 ? 0 : 2), ::testing::ExitedWithCode(2), "is too long");
+    EXPECT_FALSE(file_exists(too_long + "/chip1"));
 }
 
 class sim_board_test : public board_test {};
@@ -82,6 +104,40 @@ TEST_F(sim_board_test, the_clock_is_an_offset_kept_in_the_chips_file)
         EXPECT_EQ(errno, EINVAL);
     }
     EXPECT_EQ(read_file(chip_file("clock")), offset);
+}
+
+TEST_F(sim_board_test, a_clock_file_the_clock_cannot_keep_is_reported_and_the_clock_starts_at_the_hosts_time)
+{
+    const std::string reason = "holds no clock offset the chip can keep";
+    for (const char* text : {"9223372036854775807\n", "-9223372036854775808\n", "99999999999999999999999999\n",
+                             "-1000000000000000000\n", "12x\n", "1234567890123456789012345678901234567890\n"}) {
+        std::ofstream(chip_file("clock")) << text;
+        stderr_capture err;
+        reopen("");
+        EXPECT_THAT(err.text(), ::testing::HasSubstr(reason)) << text;
+        EXPECT_NEAR(static_cast<double>(os_time(nullptr)), static_cast<double>(time(nullptr)), 2.0) << text;
+        struct timeval tv;
+        os_gettimeofday(&tv);
+        EXPECT_NEAR(static_cast<double>(tv.tv_sec), static_cast<double>(time(nullptr)), 2.0) << text;
+        EXPECT_EQ(read_file(chip_file("clock")), "0\n") << text;
+    }
+    // An empty file is a fresh chip's; a clock at the year 9999 (where
+    // time_t holds it) is one the clock keeps.
+    for (const char* text : {"", "0\n"}) {
+        std::ofstream(chip_file("clock")) << text;
+        stderr_capture err;
+        reopen("");
+        EXPECT_THAT(err.text(), ::testing::Not(::testing::HasSubstr(reason))) << text;
+    }
+    if constexpr (sizeof(time_t) == 8) {
+        struct timeval late{static_cast<time_t>(253402300799LL), 0};
+        ASSERT_EQ(os_settimeofday(&late), 0);
+        std::string offset = read_file(chip_file("clock"));
+        stderr_capture err;
+        reopen("");
+        EXPECT_THAT(err.text(), ::testing::Not(::testing::HasSubstr(reason)));
+        EXPECT_EQ(read_file(chip_file("clock")), offset);
+    }
 }
 
 TEST_F(sim_board_test, shell_commands_and_syslog_become_the_chips_files)

@@ -70,4 +70,19 @@ TEST_F(sim_media_vi_test, query_reports_the_cameras_frame_rate_after_conversion)
     EXPECT_TRUE(st.enabled == 1 && st.pic_width == 1920 && st.pic_height == 1080);
 }
 
+TEST_F(sim_media_vi_test, a_first_camera_at_the_int_limit_leaves_the_later_inputs_default_cameras)
+{
+    // Input 0 carries camera 2147483647; input 3 would be 2147483650, a
+    // camera no board has: it must not wrap to a number that is.
+    std::ofstream(board_.file("board.conf")) << "camera 2147483647 1920x1080 p 12\n";
+    reopen_media("");
+    sim_set_cam_base(2147483647);
+    EXPECT_EQ(sim_media_camera(0).fps, 12.0);
+    EXPECT_EQ(sim_media_camera(3).fps, 30.0);
+    start(6, 12, chn_attr());  // input 3
+    vi_chn_stat_t st{};
+    ASSERT_EQ(HI_MPI_VI_Query(12, &st), 0);
+    EXPECT_EQ(st.frame_rate, 30u);
+}
+
 }  // namespace

@@ -65,6 +65,46 @@ TEST(startup_refusal, bad_command_line_board_or_fault_rules_end_with_status_2_be
     EXPECT_FALSE(file_exists(board.file("chip1")));
 }
 
+TEST(startup_refusal, a_command_line_the_process_cannot_serve_ends_with_status_2_before_the_board_is_touched)
+{
+    // cam_base, slave_cam, num_vin; the highest stream number is
+    // cam_base + slave_cam - 1 + 2 * num_vin and must be an int.
+    const struct {
+        std::vector<std::string> numbers;
+        const char* message;  // nullptr: served
+    } cases[] = {
+        {{"0", "4", "4"}, nullptr},
+        {{"nine", "0", "0"}, nullptr},  // no number: 0
+        {{"2147483636", "4", "4"}, nullptr},
+        {{"2147483637", "4", "4"}, "cam_base must be 0 to 2147483636 for 4 cameras and 4 inputs, not 2147483637"},
+        {{"2147483647", "4", "4"}, "cam_base must be 0 to 2147483636"},
+        {{"-1", "4", "4"}, "cam_base must be 0 to"},
+        {{"4294967296", "4", "4"}, "cam_base '4294967296' is out of range"},
+        {{"0", "99999999999999999999", "4"}, "slave_cam '99999999999999999999' is out of range"},
+        {{"0", "33", "4"}, "slave_cam must be 0 to 32, not 33"},
+        {{"0", "-1", "4"}, "slave_cam must be 0 to 32, not -1"},
+        {{"0", "4", "-2147483648"}, "num_vin must be 0 to 32, not -2147483648"},
+    };
+    for (const auto& c : cases) {
+        std::vector<std::string> words = {"tarvo3532", "slave"};
+        words.insert(words.end(), c.numbers.begin(), c.numbers.end());
+        arg_list args(words);
+        stderr_capture err;
+        EXPECT_EQ(_check_args(args.argv()), c.message ? -1 : 0) << c.numbers[0];
+        if (c.message) {
+            EXPECT_THAT(err.text(), ::testing::HasSubstr(c.message));
+        }
+    }
+    temp_board_dir board;
+    setenv("TARVO_BOARD", board.path().c_str(), 1);
+    setenv("TARVO_CHIP_ID", "1", 1);
+    unsetenv("TARVO_SIM_FAIL");
+    arg_list top({"tarvo3532", "slave", "2147483647", "4", "4"});
+    EXPECT_EXIT(_exit(tarvo_main(top.argc(), top.argv())), ::testing::ExitedWithCode(2),
+                "tarvo3532: cam_base must be 0 to");
+    EXPECT_FALSE(file_exists(board.file("chip1")));
+}
+
 TEST(startup_sequence, runs_in_order_and_leaves_its_records_on_the_board)
 {
     temp_board_dir board;
