@@ -5,12 +5,20 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+#include <malloc.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
 #include <chrono>
 #include <cstring>
 #include <memory>
+#include <thread>
 
 #include "cal/cal.h"
 #include "cal/cal_cmd.h"
+#include "cal/cal_time.h"
 #include "cal/startup.h"
 #include "msg/cal_hsc.h"
 #include "platform/sim/fault.h"
@@ -181,15 +189,87 @@ TEST_F(cal_cmd_test, short_and_broken_commands_are_refused_or_skipped)
     EXPECT_FALSE(master_->readable(MSGPORT_CAL, 20));
 }
 
-TEST_F(cal_cmd_test, time_zone_text_is_written_as_data_and_never_reaches_a_shell)
+TEST_F(cal_cmd_test, zone_rules_and_zone_names_are_applied_as_data_and_any_other_text_is_left_unapplied)
 {
-    const char* tz = "CST-8; touch /tmp/tarvo-pwned";
-    // No NUL: the text ends with the payload.
-    EXPECT_EQ(command(HSCC_CAL_SetTz, bytes(tz, tz + std::strlen(tz))).result(), 0);
-    EXPECT_STREQ(getenv("TZ"), tz);
-    EXPECT_EQ(read_file(chip_file("etc/TZ")), std::string(tz) + "\n");
+    const std::string too_long = "CST-8" + std::string(CAL_TZ_MAX - 4, 'A');
+    const struct {
+        std::string tz;
+        bool applied;
+    } cases[] = {
+        {"CST-8", true},
+        {"EST5EDT,M3.2.0,M11.1.0", true},
+        {"<+0330>-3:30<+0430>,J79/24,J263/24", true},
+        {"AEST-10AEDT,M10.1.0,M4.1.0/3", true},
+        {"Europe/Berlin", true},
+        {"Etc/GMT+8", true},
+        {too_long.substr(0, CAL_TZ_MAX), true},
+        {too_long, false},
+        {"CST-8; touch /tmp/tarvo-pwned", false},
+        {":/etc/localtime", false},
+        {"/etc/passwd", false},
+        {":Europe/Berlin", false},
+        {"../../../../tmp/zone", false},
+        {"Europe/../../../tmp/zone", false},
+        {"CST-8,M3.2.0", false},
+        {"CST -8", false},
+        {"Europe//Berlin", false},
+        {"CST-8\nUTC0", false},
+    };
+    for (const auto& c : cases) {
+        const std::string env_before = getenv("TZ") ? getenv("TZ") : "", file_before = read_file(chip_file("etc/TZ"));
+        stdout_capture out;
+        // No NUL: the text ends with the payload.
+        EXPECT_EQ(command(HSCC_CAL_SetTz, bytes(c.tz.begin(), c.tz.end())).result(), 0) << c.tz;
+        if (c.applied) {
+            EXPECT_STREQ(getenv("TZ"), c.tz.c_str());
+            EXPECT_EQ(read_file(chip_file("etc/TZ")), c.tz + "\n");
+        } else {
+            EXPECT_EQ(getenv("TZ") ? getenv("TZ") : "", env_before) << c.tz;
+            EXPECT_EQ(read_file(chip_file("etc/TZ")), file_before) << c.tz;
+            EXPECT_THAT(out.text(), HasSubstr("> tz not applied: ")) << c.tz;
+        }
+    }
     EXPECT_THAT(read_file(chip_file("shell.log")), ::testing::Not(HasSubstr("CST-8")));
     EXPECT_FALSE(file_exists("/tmp/tarvo-pwned"));
+}
+
+TEST_F(cal_cmd_test, a_zone_text_naming_a_fifo_never_blocks_the_command_loop)
+{
+    const std::string fifo = board_.file("zone-fifo");
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    const std::string tz = ":" + fifo;
+    std::atomic<bool> answered{false};
+    std::thread loop([&] {
+        command(HSCC_CAL_SetTz, bytes(tz.begin(), tz.end()));
+        answered = true;
+    });
+    for (int i = 0; i < 200 && !answered; ++i)
+        usleep(10000);
+    EXPECT_TRUE(answered) << "the command loop waits on " << fifo;
+    if (!answered) {
+        // A writer lets the blocked open go on, so that the test ends.
+        int fd = open(fifo.c_str(), O_WRONLY | O_NONBLOCK);
+        if (fd >= 0)
+            close(fd);
+    }
+    loop.join();
+}
+
+TEST_F(cal_cmd_test, any_number_of_zone_texts_leaves_the_zones_storage_as_it_was)
+{
+    // Distinct texts with the same abbreviations (the C library keeps each
+    // abbreviation it has seen, once).
+    ASSERT_EQ(_set_tz(cal_, "ABC-0:00:00DEF"), 0);
+    const char* storage = getenv("TZ");
+    const size_t before = mallinfo2().uordblks;
+    for (int k = 0; k < 3000; ++k) {
+        char tz[64];
+        std::snprintf(tz, sizeof(tz), "ABC-%d:%02d:%02dDEF", k / 3600 % 24, k / 60 % 60, k % 60);
+        _set_tz(cal_, tz);
+        ASSERT_STREQ(getenv("TZ"), tz);
+    }
+    EXPECT_EQ(getenv("TZ"), storage);
+    EXPECT_LT(mallinfo2().uordblks, before + 32 * 1024);  // a copy per text would be 3000 or more
 }
 
 }  // namespace

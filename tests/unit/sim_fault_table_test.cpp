@@ -70,6 +70,23 @@ constexpr vi_chn_attr_t k_vi_chn{{0, 0, 1920, 1080}, {1920, 1080}, VI_CAPSEL_BOT
                                  0, 0, 0, -1, -1};
 constexpr mpp_chn_t k_vi0{HI_ID_VI, 0, 0}, k_vi1{HI_ID_VI, 0, 1}, k_grp0{HI_ID_VPSS, 0, 0}, k_grp1{HI_ID_VPSS, 1, 0};
 
+venc_chn_attr_t h264_attr(uint32_t kbps)
+{
+    venc_chn_attr_t a{};
+    a.payload_type = PT_H264;
+    a.h264 = {64, 64, 64 * 64 * 3 / 4, 2, 1, 0, 1, 0, 0, 64, 64};
+    a.rc = {VENC_RC_MODE_H264AVBR, 12, 5, 30, 15, kbps, 2};
+    return a;
+}
+
+venc_chn_attr_t jpeg_attr()
+{
+    venc_chn_attr_t a{};
+    a.payload_type = PT_JPEG;
+    a.jpeg = {64, 64, 64 * 64 * 3 / 2, 1, 0, 0, 64, 64};
+    return a;
+}
+
 struct tx_note {
     long type;
     char body[8];
@@ -190,6 +207,37 @@ const std::map<std::string_view, row>& rows()
         {"HI_MPI_VENC_StopRecvPic", {fails_as::code, [](s&) { return HI_MPI_VENC_StopRecvPic(0); }}},
         {"HI_MPI_VENC_UnRegisterChn", {fails_as::code, [](s&) { return HI_MPI_VENC_UnRegisterChn(0); }}},
         {"HI_MPI_VENC_DestroyChn", {fails_as::code, [](s&) { return HI_MPI_VENC_DestroyChn(0); }}},
+        {"HI_MPI_VENC_SetGrpFrmRate", {fails_as::code, [](s&) {
+             venc_grp_frm_rate_t r{25, 5};
+             return HI_MPI_VENC_SetGrpFrmRate(2, &r); }}},
+        {"HI_MPI_VENC_GetGrpFrmRate",
+         {fails_as::code, [](s&) { venc_grp_frm_rate_t r{}; return HI_MPI_VENC_GetGrpFrmRate(2, &r); }}},
+        {"HI_MPI_VENC_CreateChn", {fails_as::code, [](s&) {
+             venc_chn_attr_t a = h264_attr(64);
+             return HI_MPI_VENC_CreateChn(3, &a); }}},
+        {"HI_MPI_VENC_RegisterChn", {fails_as::code, [](s&) { return HI_MPI_VENC_RegisterChn(4, 4); }}},
+        {"HI_MPI_VENC_StartRecvPic", {fails_as::code, [](s&) { return HI_MPI_VENC_StartRecvPic(2); }}},
+        {"HI_MPI_VENC_SetChnAttr", {fails_as::code, [](s&) {
+             venc_chn_attr_t a = h264_attr(128);
+             return HI_MPI_VENC_SetChnAttr(2, &a); }}},
+        {"HI_MPI_VENC_GetChnAttr",
+         {fails_as::code, [](s&) { venc_chn_attr_t a{}; return HI_MPI_VENC_GetChnAttr(2, &a); }}},
+        {"HI_MPI_VENC_SetH264eRefMode", {fails_as::code, [](s&) { return HI_MPI_VENC_SetH264eRefMode(2, 5); }}},
+        {"HI_MPI_VENC_GetJpegParam",
+         {fails_as::code, [](s&) { venc_param_jpeg_t p{}; return HI_MPI_VENC_GetJpegParam(5, &p); }}},
+        {"HI_MPI_VENC_SetJpegParam", {fails_as::code, [](s&) {
+             venc_param_jpeg_t p{50, 0};
+             return HI_MPI_VENC_SetJpegParam(5, &p); }}},
+        {"HI_MPI_VENC_Query", {fails_as::code, [](s&) { venc_chn_stat_t st{}; return HI_MPI_VENC_Query(2, &st); }}},
+        {"HI_MPI_VENC_GetFd", {fails_as::code, [](s&) { return HI_MPI_VENC_GetFd(2); }}},
+        {"HI_MPI_VENC_GetStream", {fails_as::code, [](s&) {
+             venc_pack_t packs[4]{};
+             venc_stream_t st{packs, 4, 0};
+             return HI_MPI_VENC_GetStream(2, &st, false); }}},
+        {"HI_MPI_VENC_ReleaseStream", {fails_as::code, [](s&) {
+             venc_pack_t packs[4]{};
+             venc_stream_t st{packs, 4, 0};
+             return HI_MPI_VENC_ReleaseStream(2, &st); }}},
 
         // video output
         {"HI_MPI_VO_DisableChn", {fails_as::code, [](s&) { return HI_MPI_VO_DisableChn(0, 0); }}},
@@ -237,6 +285,12 @@ protected:
                     HI_MPI_VPSS_CreateGrp(2, &k_grp) == 0 && HI_MPI_VPSS_SetChnAttr(2, 0, &k_vpss_chn) == 0);
         ASSERT_TRUE(HI_MPI_SYS_Bind(&k_vi0, &k_grp0) == 0 && HI_MPI_SYS_SetMemConf(&k_grp0, MMZ_DEFAULT) == 0);
         ASSERT_EQ(HI_MPI_VENC_CreateGroup(0), 0);
+        // Encoder group and channel 2 registered, 4 both created apart, 5 a
+        // JPEG channel.
+        const venc_chn_attr_t h264 = h264_attr(64), jpeg = jpeg_attr();
+        ASSERT_TRUE(HI_MPI_VENC_CreateGroup(2) == 0 && HI_MPI_VENC_CreateChn(2, &h264) == 0 &&
+                    HI_MPI_VENC_RegisterChn(2, 2) == 0 && HI_MPI_VENC_CreateGroup(4) == 0 &&
+                    HI_MPI_VENC_CreateChn(4, &h264) == 0 && HI_MPI_VENC_CreateChn(5, &jpeg) == 0);
         ASSERT_EQ(HI_MPI_PCIV_Malloc(8192, 1, &state_.block), 0);
         ASSERT_NE(state_.map = HI_MPI_SYS_Mmap(state_.block, 4096), nullptr);
         ASSERT_GE(state_.mcc_fd = mcc_open(MCC_DEV_NAME, O_RDWR), 0);
@@ -267,9 +321,19 @@ protected:
             for (const sim_vpss_chn& c : grp.chn)
                 o << c.attr_set << c.enabled;
         }
-        for (int g = 0; g < 2; ++g)
+        for (int g = 0; g < 6; ++g) {
             o << "\nvenc " << sim_media_venc_grp(g).created << sim_media_venc_grp(g).chn << " "
               << sim_media_venc_chn(g).created << sim_media_venc_chn(g).receiving;
+            venc_grp_frm_rate_t r{};
+            venc_chn_attr_t a{};
+            venc_param_jpeg_t p{};
+            if (under_test != "HI_MPI_VENC_GetGrpFrmRate" && HI_MPI_VENC_GetGrpFrmRate(g, &r) == 0)
+                o << " rate " << r.vi_frm_rate << "/" << r.target_frm_rate;
+            if (under_test != "HI_MPI_VENC_GetChnAttr" && HI_MPI_VENC_GetChnAttr(g, &a) == 0)
+                o << " kbps " << a.rc.bit_rate;
+            if (under_test != "HI_MPI_VENC_GetJpegParam" && HI_MPI_VENC_GetJpegParam(g, &p) == 0)
+                o << " q " << p.qfactor;
+        }
         o << "\nvo " << sim_media_vo_dev(0).enabled << sim_media_vo_dev(0).layer_enabled
           << sim_media_vo_dev(0).chn_enabled[0];
         for (const sim_binding& b : sim_media_bindings())
