@@ -13,8 +13,8 @@ struct tm* cal_localtime(struct tm* out, const time_t* t);
 // The wall clock in milliseconds: seconds * 1000.0 + microseconds / 1000.
 double cal_get_msec();
 
-// The longest zone text applied. Real zone specifications are far shorter:
-// the longest zone names have about 32 characters, full POSIX rules about 50.
+// The longest zone text applied. Real zone texts are far shorter: the
+// longest zone names have about 32 characters, full POSIX rules about 50.
 inline constexpr size_t CAL_TZ_MAX = 63;
 
 // Whether a zone text (from the master) may be applied: at most CAL_TZ_MAX
