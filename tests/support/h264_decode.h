@@ -39,7 +39,7 @@ struct h264_file_result {
     bool sizes_agree = true;    // every picture had the last one's size
 };
 
-// Decodes an Annex B file NAL unit by NAL unit.
-h264_file_result decode_h264_file(const std::string& path);
+// Decodes an Annex B file NAL unit by NAL unit, up to max_pictures pictures.
+h264_file_result decode_h264_file(const std::string& path, int max_pictures = 1 << 30);
 
 #endif
