@@ -52,6 +52,25 @@ private:
     bool first_ = true;
 };
 
+// Output channels that were ever configured, and PCI video channels.
+void render_vout(std::ostringstream& o, const sim_media& m, int64_t now_us)
+{
+    o << ",\n\"vo\": [";
+    list vo(o);
+    for (int32_t d = 0; d < VO_MAX_DEV_NUM; ++d) {
+        for (int32_t c = 0; c < VO_MAX_CHN_NUM; ++c) {
+            const sim_vo_chn& v = m.vo[d].chn[c];
+            if (!v.attr_set && !v.enabled)
+                continue;
+            vo.next() << "{\"dev\": " << d << ", \"chn\": " << c << ", \"enabled\": " << b(v.enabled)
+                      << ", \"paused\": " << b(v.paused) << ", \"x\": " << v.attr.rect.x << ", \"y\": " << v.attr.rect.y
+                      << ", \"width\": " << v.attr.rect.width << ", \"height\": " << v.attr.rect.height
+                      << ", \"pictures\": " << sim_flow_pictures(m, {HI_ID_VO, d, c}, now_us) << '}';
+        }
+    }
+    o << "]";
+}
+
 std::string render(const sim_media& m, int64_t now_us)
 {
     std::ostringstream o;
@@ -111,7 +130,9 @@ std::string render(const sim_media& m, int64_t now_us)
                     << ", \"produced\": " << v.ring->produced() << ", \"dropped\": " << v.ring->dropped()
                     << ", \"producing\": " << b(producing) << '}';
     }
-    o << "]\n}\n";
+    o << ']';
+    render_vout(o, m, now_us);
+    o << "\n}\n";
     return o.str();
 }
 

@@ -243,6 +243,18 @@ const std::map<std::string_view, row>& rows()
         {"HI_MPI_VO_DisableChn", {fails_as::code, [](s&) { return HI_MPI_VO_DisableChn(0, 0); }}},
         {"HI_MPI_VO_Disable", {fails_as::code, [](s&) { return HI_MPI_VO_Disable(0); }}},
         {"HI_MPI_VO_DisableVideoLayer", {fails_as::code, [](s&) { return HI_MPI_VO_DisableVideoLayer(0); }}},
+        {"HI_MPI_VO_SetChnAttr", {fails_as::code, [](s&) {
+             vo_chn_attr_t a{0, {-2, 0, 640, 360}, 0};
+             return HI_MPI_VO_SetChnAttr(VO_CASCADE_DEV, 3, &a); }}},
+        {"HI_MPI_VO_GetChnAttr",
+         {fails_as::code, [](s&) { vo_chn_attr_t a{}; return HI_MPI_VO_GetChnAttr(VO_CASCADE_DEV, 1, &a); }}},
+        {"HI_MPI_VO_EnableChn", {fails_as::code, [](s&) { return HI_MPI_VO_EnableChn(VO_CASCADE_DEV, 2); }}},
+        {"HI_MPI_VO_ChnPause", {fails_as::code, [](s&) { return HI_MPI_VO_ChnPause(VO_CASCADE_DEV, 1); }}},
+        {"HI_MPI_VO_ChnResume", {fails_as::code, [](s&) { return HI_MPI_VO_ChnResume(VO_CASCADE_DEV, 4); }}},
+        {"HI_MPI_VO_ClearChnBuffer",
+         {fails_as::code, [](s&) { return HI_MPI_VO_ClearChnBuffer(VO_CASCADE_DEV, 1, 1); }}},
+        {"HI_MPI_VO_SetAttrBegin", {fails_as::code, [](s&) { return HI_MPI_VO_SetAttrBegin(VO_CASCADE_DEV); }}},
+        {"HI_MPI_VO_SetAttrEnd", {fails_as::code, [](s&) { return HI_MPI_VO_SetAttrEnd(VO_CASCADE_DEV); }}},
     };
     return table;
 }
@@ -291,6 +303,12 @@ protected:
         ASSERT_TRUE(HI_MPI_VENC_CreateGroup(2) == 0 && HI_MPI_VENC_CreateChn(2, &h264) == 0 &&
                     HI_MPI_VENC_RegisterChn(2, 2) == 0 && HI_MPI_VENC_CreateGroup(4) == 0 &&
                     HI_MPI_VENC_CreateChn(4, &h264) == 0 && HI_MPI_VENC_CreateChn(5, &jpeg) == 0);
+        // Output device 8: channel 1 shown, 2 configured, 4 paused, in a batch.
+        const vo_chn_attr_t vo{0, {0, 0, 960, 540}, 0};
+        ASSERT_TRUE(HI_MPI_VO_SetChnAttr(VO_CASCADE_DEV, 1, &vo) == 0 && HI_MPI_VO_EnableChn(VO_CASCADE_DEV, 1) == 0 &&
+                    HI_MPI_VO_SetChnAttr(VO_CASCADE_DEV, 2, &vo) == 0 &&
+                    HI_MPI_VO_SetChnAttr(VO_CASCADE_DEV, 4, &vo) == 0 && HI_MPI_VO_EnableChn(VO_CASCADE_DEV, 4) == 0 &&
+                    HI_MPI_VO_ChnPause(VO_CASCADE_DEV, 4) == 0 && HI_MPI_VO_SetAttrBegin(VO_CASCADE_DEV) == 0);
         ASSERT_EQ(HI_MPI_PCIV_Malloc(8192, 1, &state_.block), 0);
         ASSERT_NE(state_.map = HI_MPI_SYS_Mmap(state_.block, 4096), nullptr);
         ASSERT_GE(state_.mcc_fd = mcc_open(MCC_DEV_NAME, O_RDWR), 0);
@@ -335,7 +353,12 @@ protected:
                 o << " q " << p.qfactor;
         }
         o << "\nvo " << sim_media_vo_dev(0).enabled << sim_media_vo_dev(0).layer_enabled
-          << sim_media_vo_dev(0).chn_enabled[0];
+          << sim_media_vo_dev(0).chn[0].enabled;
+        const sim_vo_dev vo = sim_media_vo_dev(VO_CASCADE_DEV);
+        o << " cascade " << vo.in_batch << vo.batches;
+        for (int c = 0; c < 6; ++c)
+            o << " " << vo.chn[c].attr_set << vo.chn[c].enabled << vo.chn[c].paused << vo.chn[c].clears << "@"
+              << vo.chn[c].attr.rect.x << "," << vo.chn[c].attr.rect.width;
         for (const sim_binding& b : sim_media_bindings())
             o << "\nbind " << b.src.mod_id << "." << b.src.dev_id << "." << b.src.chn_id << ">" << b.dest.mod_id
               << "." << b.dest.dev_id << "." << b.dest.chn_id;
