@@ -55,6 +55,7 @@ struct sim_vpss_grp {
     vpss_grp_attr_t attr;
     vpss_grp_param_t param;
     std::array<sim_vpss_chn, VPSS_MAX_CHN_NUM> chn;
+    vpss_crop_info_t crop;  // of the input picture; off when created
 };
 
 struct sim_venc_grp {

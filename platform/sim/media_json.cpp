@@ -68,6 +68,16 @@ void render_vout(std::ostringstream& o, const sim_media& m, int64_t now_us)
                       << ", \"pictures\": " << sim_flow_pictures(m, {HI_ID_VO, d, c}, now_us) << '}';
         }
     }
+    o << "],\n\"pciv\": [";
+    list pciv(o);
+    for (int32_t c = 0; c < PCIV_MAX_CHN_NUM; ++c) {
+        const sim_pciv_chn& p = m.pciv[c];
+        if (!p.created)
+            continue;
+        pciv.next() << "{\"chn\": " << c << ", \"started\": " << b(p.started)
+                    << ", \"width\": " << p.attr.pic_attr.width << ", \"height\": " << p.attr.pic_attr.height
+                    << ", \"pictures\": " << sim_flow_pictures(m, {HI_ID_PCIV, 0, c}, now_us) << '}';
+    }
     o << "]";
 }
 
@@ -108,8 +118,10 @@ std::string render(const sim_media& m, int64_t now_us)
             o << (first ? "" : ",") << c;
             first = false;
         }
-        o << "], \"crop\": {\"enable\": false, \"x\": 0, \"y\": 0, \"width\": 0, \"height\": 0}, \"pictures\": "
-          << pictures << ", \"user_frames\": 0}";
+        const vpss_crop_info_t& crop = grp.crop;
+        o << "], \"crop\": {\"enable\": " << b(crop.enable != 0) << ", \"x\": " << crop.rect.x
+          << ", \"y\": " << crop.rect.y << ", \"width\": " << crop.rect.width << ", \"height\": " << crop.rect.height
+          << "}, \"pictures\": " << pictures << ", \"user_frames\": 0}";
     }
     o << "],\n\"venc\": [";
     list venc(o);
