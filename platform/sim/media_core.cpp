@@ -271,7 +271,7 @@ int32_t HI_MPI_SYS_Bind(const mpp_chn_t* src, const mpp_chn_t* dest)
     media_access m;
     if (find_by_dest(*m, *dest) != nullptr)
         return hi_err(HI_ID_SYS, HI_ERR_EXIST);
-    sim_flow_settle(*m, *dest, sim_media_now_us());
+    sim_flow_settle_all(*m, sim_media_now_us());
     m->bindings.push_back({*src, *dest});
     return 0;
 }
@@ -292,7 +292,7 @@ int32_t HI_MPI_SYS_UnBind(const mpp_chn_t* src, const mpp_chn_t* dest)
     sim_binding* b = find_by_dest(*m, *dest);
     if (b == nullptr || !sim_same_chn(b->src, *src))
         return hi_err(HI_ID_SYS, HI_ERR_UNEXIST);
-    sim_flow_settle(*m, *dest, sim_media_now_us());
+    sim_flow_settle_all(*m, sim_media_now_us());
     m->bindings.erase(m->bindings.begin() + (b - m->bindings.data()));
     return 0;
 }

@@ -167,3 +167,14 @@ void sim_flow_settle(sim_media& m, const mpp_chn_t& dest, int64_t now_us)
     c->base = sim_flow_pictures(m, dest, now_us);
     c->since_us = now_us;
 }
+
+void sim_flow_settle_all(sim_media& m, int64_t now_us)
+{
+    for (int32_t d = 0; d < VO_MAX_DEV_NUM; ++d)
+        for (int32_t c = 0; c < VO_MAX_CHN_NUM; ++c)
+            if (m.vo[d].chn[c].enabled && !m.vo[d].chn[c].paused)
+                sim_flow_settle(m, {HI_ID_VO, d, c}, now_us);
+    for (int32_t c = 0; c < PCIV_MAX_CHN_NUM; ++c)
+        if (m.pciv[c].started)
+            sim_flow_settle(m, {HI_ID_PCIV, 0, c}, now_us);
+}

@@ -55,3 +55,8 @@ uint64_t sim_flow_pictures(const sim_media& m, const mpp_chn_t& dest, int64_t no
 // its source or its running state changes. Nothing for an address that
 // does not count.
 void sim_flow_settle(sim_media& m, const mpp_chn_t& dest, int64_t now_us);
+
+// Settles every destination that counts and runs; called before a change
+// upstream of them (a binding, a group or capture channel switched) that
+// may change what they receive.
+void sim_flow_settle_all(sim_media& m, int64_t now_us);

@@ -4,6 +4,7 @@
 #include "platform/hi_mpi_vpss.h"
 #include "platform/sim/fault.h"
 #include "platform/sim/media_state.h"
+#include "platform/sim/picture_flow.h"
 
 namespace {
 
@@ -95,6 +96,8 @@ int32_t on_group(sim_op op, int32_t grp, int32_t chn, int32_t arg_err, Fn&& fn)
     sim_vpss_grp& g = m->vpss[grp];
     if (!g.created)
         return hi_err(k_mod, HI_ERR_UNEXIST);
+    // What the group passes on may change: the counts downstream settle first.
+    sim_flow_settle_all(*m, sim_media_now_us());
     return fn(g);
 }
 
