@@ -14,21 +14,21 @@ namespace {
 using ::testing::HasSubstr;
 using ::testing::Not;
 
-struct cell_spec {
+struct cell_def {
     int cam, x, y, w, h;
 };
 
 class vout_layout_test : public vout_board_test {
 protected:
     // A layout record with the cells given; cells defaults to their number.
-    static vout_layout_t record(std::initializer_list<cell_spec> cells, int vout_idx = 0, int count = -1)
+    static vout_layout_t record(std::initializer_list<cell_def> cells, int vout_idx = 0, int count = -1)
     {
         vout_layout_t r{};
         r.vout_idx = vout_idx;
         r.layout = 77;
         r.cells = count >= 0 ? count : static_cast<int>(cells.size());
         int k = 0;
-        for (const cell_spec& c : cells) {
+        for (const cell_def& c : cells) {
             r.cell[k++] = {0, static_cast<int16_t>(c.cam), static_cast<int16_t>(c.x), static_cast<int16_t>(c.y),
                            static_cast<int16_t>(c.w), static_cast<int16_t>(c.h)};
         }
