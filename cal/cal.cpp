@@ -17,6 +17,7 @@
 #include "platform/os.h"
 #include "vin/cal_vin.h"
 #include "vin/chip.h"
+#include "vout/cal_vout.h"
 
 namespace {
 
@@ -43,10 +44,9 @@ constexpr priority_row k_priority_table[] = {
 
 }  // namespace
 
-// The modules of the process. The video output and the decoder join here
-// with their tables.
+// The modules of the process. The decoder joins here with its table.
 const cal_mod_t* cal_mods[CAL_MOD_COUNT] = {
-    /* CAL_MOD_VOUT */ nullptr,
+    /* CAL_MOD_VOUT */ &cal_vout_mod,
     /* CAL_MOD_DEC */ nullptr,
     /* CAL_MOD_ENC */ &cal_enc_mod,
     /* CAL_MOD_VIN */ &cal_vin_mod,

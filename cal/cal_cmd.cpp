@@ -49,28 +49,6 @@ struct cmd_md_t {
 static_assert(offsetof(cmd_md_t, threshold) == 4);
 static_assert(sizeof(cmd_md_t) == 8);
 
-// HSCC_CAL_SetZoom.
-struct cmd_zoom_t {
-    int32_t cam;
-    int32_t w1;
-    int32_t w2;
-    int32_t w3;
-    int32_t x;
-    int32_t y;
-    int32_t width;
-    int32_t height;
-};
-static_assert(offsetof(cmd_zoom_t, x) == 16);
-static_assert(sizeof(cmd_zoom_t) == 32);
-
-// HSCC_CAL_InitPcivVo: the output kind, then the path's settings.
-struct cmd_pciv_init_t {
-    int32_t kind;
-    int32_t w[30];  // words 1 .. 30
-};
-static_assert(offsetof(cmd_pciv_init_t, w) == 4);
-static_assert(sizeof(cmd_pciv_init_t) == 124);
-
 // HSCC_CAL_SetTimestamp.
 struct cmd_timestamp_t {
     int32_t on;
@@ -180,14 +158,6 @@ int row_set_md(cal_t* cal, hsc_msg_t* msg)
     return waiting(msg);
 }
 
-int row_init_pciv_vo(cal_t*, hsc_msg_t* msg)
-{
-    auto p = cal_payload<cmd_pciv_init_t>(msg);
-    if (p.kind == 0)
-        TRACE("HSCC_CAL_InitPcivVo.. %d %d %d\n", p.w[0], p.w[29], p.w[28]);
-    return waiting(msg);
-}
-
 int row_dec_start(cal_t*, hsc_msg_t* msg)
 {
     TRACE("HSCC_CAL_3531_decstart cam:%d\n", cal_payload<cmd_decstart_t>(msg).cam);
@@ -207,12 +177,7 @@ int row_play_jpg(cal_t*, hsc_msg_t* msg)
 }
 
 constexpr cal_cmd_row_t k_waiting_rows[] = {
-    {HSCC_CAL_SetLayout, HSCC_CAL_SetLayout, min_len<cmd_word_t>(), true, row_waiting},
-    {HSCC_CAL_SetZoom, HSCC_CAL_SetZoom, min_len<cmd_zoom_t>(), true, row_waiting},
     {HSCC_CAL_SetMd, HSCC_CAL_SetMd, min_len<cmd_md_t>(), true, row_set_md},
-    {HSCC_CAL_InitPcivVo, HSCC_CAL_InitPcivVo, min_len<cmd_pciv_init_t>(), true, row_init_pciv_vo},
-    {HSCC_CAL_StartPcivVo, HSCC_CAL_StartPcivVo, min_len<cmd_word_t>(), true, row_waiting},
-    {HSCC_CAL_StopPcivVo, HSCC_CAL_StopPcivVo, min_len<cmd_word_t>(), true, row_waiting},
     {HSCC_CAL_SetPrivacy, HSCC_CAL_SetPrivacy, min_len<cmd_none_t>(), true, row_waiting},
     {HSCC_CAL_SetTimestamp, HSCC_CAL_SetTimestamp, min_len<cmd_timestamp_t>(), true, row_waiting},
     {HSCC_CAL_SetTimeFont, HSCC_CAL_SetTimeFont_Last, min_len<cmd_none_t>(), true, row_waiting},

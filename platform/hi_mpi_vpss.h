@@ -69,3 +69,34 @@ int32_t HI_MPI_VPSS_SetChnAttr(int32_t grp, int32_t chn, const vpss_chn_attr_t* 
 // Needs the channel's attributes.
 int32_t HI_MPI_VPSS_EnableChn(int32_t grp, int32_t chn);
 int32_t HI_MPI_VPSS_DisableChn(int32_t grp, int32_t chn);
+
+// ---- crop of a group's input picture --------------------------------------
+
+enum : int32_t {
+    VPSS_CROP_RATIO_COOR = 0,  // rectangle in thousandths of the picture
+    VPSS_CROP_ABS_COOR = 1,    // rectangle in pixels
+};
+
+struct vpss_rect_t {
+    int32_t x;
+    int32_t y;
+    uint32_t width;
+    uint32_t height;
+};
+static_assert(sizeof(vpss_rect_t) == 16);
+
+struct vpss_crop_info_t {
+    int32_t enable;      // 0 or 1
+    int32_t coord_mode;  // VPSS_CROP_*
+    vpss_rect_t rect;    // pixels: even, inside the group's maximum size
+    int32_t crop_mode;   // 0: the group's input picture
+};
+static_assert(offsetof(vpss_crop_info_t, rect) == 8);
+static_assert(offsetof(vpss_crop_info_t, crop_mode) == 24);
+static_assert(sizeof(vpss_crop_info_t) == 28);
+
+int32_t HI_MPI_VPSS_GetCropCfg(int32_t grp, vpss_crop_info_t* crop);
+int32_t HI_MPI_VPSS_SetCropCfg(int32_t grp, const vpss_crop_info_t* crop);
+
+// Drops the pictures waiting in the group.
+int32_t HI_MPI_VPSS_ResetGrp(int32_t grp);

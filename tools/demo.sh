@@ -3,7 +3,9 @@
 # starts the slaves, configures every camera's streams as a recorder does
 # (REC 1920x1080 at 30 fps, REC LOW 704x576 at 15, NET LOW 352x288 at 15 and
 # the recording copy), records them once every stream has begun, checks what
-# arrives and writes one playable .h264 file per camera and stream.
+# arrives and writes one playable .h264 file per camera and stream. Then it
+# lays out a screen of nine cells on a slave of four cameras, with a PCI
+# video channel of each kind, and draws that slave's part as layout.png.
 #   tools/demo.sh <build dir> <board dir> <output dir>
 # DEMO_SLAVES (default 1), DEMO_CAMERAS (default 8) and DEMO_SECONDS
 # (default 30) change the run. The board's encoded scene loops (cache/) are
@@ -24,5 +26,8 @@ if [ -d "$board" ]; then
   find "$board" -mindepth 1 -maxdepth 1 ! -name cache -exec rm -rf {} +
 fi
 rm -rf "$out"
-exec "$master" record --slave "$slave" --board "$board" --out "$out" \
-  --slaves "${DEMO_SLAVES:-1}" --cameras "${DEMO_CAMERAS:-8}" --seconds "${DEMO_SECONDS:-30}"
+rc=0
+"$master" record --slave "$slave" --board "$board" --out "$out" \
+  --slaves "${DEMO_SLAVES:-1}" --cameras "${DEMO_CAMERAS:-8}" --seconds "${DEMO_SECONDS:-30}" || rc=$?
+"$master" layout --slave "$slave" --board "$board" --png "$out/layout.png" --cells 9 --narrow --pciv || rc=$?
+exit $rc

@@ -14,6 +14,7 @@
 #include "platform/sim/media_state.h"
 #include "platform/sim/sys_sim.h"
 #include "platform/sim/media_json.h"
+#include "platform/sim/picture_flow.h"
 #include "platform/sim/venc_producer.h"
 #include "platform/sim/venc_ring.h"
 
@@ -35,6 +36,11 @@ void reset(sim_media& m)
         c = {};
     }
     m.vo = {};
+    // The cascade device towards the master is up from power-on: the
+    // board's boot brings it up, nothing in the process does.
+    m.vo[VO_CASCADE_DEV].enabled = true;
+    m.vo[VO_CASCADE_DEV].layer_enabled = true;
+    m.pciv = {};
     m.bindings.clear();
     m.mem.clear();
     m.board = {};
@@ -208,6 +214,18 @@ sim_vo_dev sim_media_vo_dev(int dev)
     return dev >= 0 && dev < VO_MAX_DEV_NUM ? m->vo[dev] : sim_vo_dev{};
 }
 
+sim_pciv_chn sim_media_pciv_chn(int chn)
+{
+    media_access m(media_access::read);
+    return chn >= 0 && chn < PCIV_MAX_CHN_NUM ? m->pciv[chn] : sim_pciv_chn{};
+}
+
+uint64_t sim_media_pictures(const mpp_chn_t& dest)
+{
+    media_access m(media_access::read);
+    return sim_flow_pictures(*m, dest, sim_media_now_us());
+}
+
 std::vector<sim_binding> sim_media_bindings()
 {
     media_access m(media_access::read);
@@ -253,6 +271,7 @@ int32_t HI_MPI_SYS_Bind(const mpp_chn_t* src, const mpp_chn_t* dest)
     media_access m;
     if (find_by_dest(*m, *dest) != nullptr)
         return hi_err(HI_ID_SYS, HI_ERR_EXIST);
+    sim_flow_settle_all(*m, sim_media_now_us());
     m->bindings.push_back({*src, *dest});
     return 0;
 }
@@ -273,6 +292,7 @@ int32_t HI_MPI_SYS_UnBind(const mpp_chn_t* src, const mpp_chn_t* dest)
     sim_binding* b = find_by_dest(*m, *dest);
     if (b == nullptr || !sim_same_chn(b->src, *src))
         return hi_err(HI_ID_SYS, HI_ERR_UNEXIST);
+    sim_flow_settle_all(*m, sim_media_now_us());
     m->bindings.erase(m->bindings.begin() + (b - m->bindings.data()));
     return 0;
 }

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "platform/hi_comm.h"
+#include "platform/hi_mpi_pciv.h"
 #include "platform/hi_mpi_sys.h"
 #include "platform/hi_mpi_venc.h"
 #include "platform/hi_mpi_vi.h"
@@ -54,6 +55,7 @@ struct sim_vpss_grp {
     vpss_grp_attr_t attr;
     vpss_grp_param_t param;
     std::array<sim_vpss_chn, VPSS_MAX_CHN_NUM> chn;
+    vpss_crop_info_t crop;  // of the input picture; off when created
 };
 
 struct sim_venc_grp {
@@ -77,10 +79,37 @@ struct sim_venc_chn {
     std::shared_ptr<sim_venc_ring> ring;  // the stream buffer, while created
 };
 
+// Pictures a destination (output channel, PCI video channel) has received:
+// `base` up to `since_us`, and from then on the rate of its source while it
+// runs. The count is settled (folded into base) before anything that
+// changes the rate: its source, its running state.
+struct sim_pic_count {
+    uint64_t base = 0;
+    int64_t since_us = 0;
+};
+
+struct sim_vo_chn {
+    bool attr_set = false;
+    bool enabled = false;
+    bool paused = false;
+    vo_chn_attr_t attr{};
+    uint32_t clears = 0;  // buffer clearings
+    sim_pic_count shown;  // pictures shown while enabled and not paused
+};
+
 struct sim_vo_dev {
-    bool enabled;
-    bool layer_enabled;
-    std::array<bool, VO_MAX_CHN_NUM> chn_enabled;
+    bool enabled = false;
+    bool layer_enabled = false;
+    bool in_batch = false;  // between SetAttrBegin and SetAttrEnd
+    uint32_t batches = 0;   // batches ended
+    std::array<sim_vo_chn, VO_MAX_CHN_NUM> chn{};
+};
+
+struct sim_pciv_chn {
+    bool created = false;
+    bool started = false;
+    pciv_attr_t attr{};      // as the creator gave it
+    sim_pic_count received;  // pictures delivered while started
 };
 
 struct sim_binding {
@@ -108,6 +137,9 @@ sim_vpss_grp sim_media_vpss_grp(int grp);
 sim_venc_grp sim_media_venc_grp(int grp);
 sim_venc_chn sim_media_venc_chn(int chn);
 sim_vo_dev sim_media_vo_dev(int dev);
+sim_pciv_chn sim_media_pciv_chn(int chn);
+// Pictures an output channel or PCI video channel has received so far.
+uint64_t sim_media_pictures(const mpp_chn_t& dest);
 
 // All bindings, in the order they were made.
 std::vector<sim_binding> sim_media_bindings();

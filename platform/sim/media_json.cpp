@@ -52,6 +52,35 @@ private:
     bool first_ = true;
 };
 
+// Output channels that were ever configured, and PCI video channels.
+void render_vout(std::ostringstream& o, const sim_media& m, int64_t now_us)
+{
+    o << ",\n\"vo\": [";
+    list vo(o);
+    for (int32_t d = 0; d < VO_MAX_DEV_NUM; ++d) {
+        for (int32_t c = 0; c < VO_MAX_CHN_NUM; ++c) {
+            const sim_vo_chn& v = m.vo[d].chn[c];
+            if (!v.attr_set && !v.enabled)
+                continue;
+            vo.next() << "{\"dev\": " << d << ", \"chn\": " << c << ", \"enabled\": " << b(v.enabled)
+                      << ", \"paused\": " << b(v.paused) << ", \"x\": " << v.attr.rect.x << ", \"y\": " << v.attr.rect.y
+                      << ", \"width\": " << v.attr.rect.width << ", \"height\": " << v.attr.rect.height
+                      << ", \"pictures\": " << sim_flow_pictures(m, {HI_ID_VO, d, c}, now_us) << '}';
+        }
+    }
+    o << "],\n\"pciv\": [";
+    list pciv(o);
+    for (int32_t c = 0; c < PCIV_MAX_CHN_NUM; ++c) {
+        const sim_pciv_chn& p = m.pciv[c];
+        if (!p.created)
+            continue;
+        pciv.next() << "{\"chn\": " << c << ", \"started\": " << b(p.started)
+                    << ", \"width\": " << p.attr.pic_attr.width << ", \"height\": " << p.attr.pic_attr.height
+                    << ", \"pictures\": " << sim_flow_pictures(m, {HI_ID_PCIV, 0, c}, now_us) << '}';
+    }
+    o << "]";
+}
+
 std::string render(const sim_media& m, int64_t now_us)
 {
     std::ostringstream o;
@@ -89,8 +118,10 @@ std::string render(const sim_media& m, int64_t now_us)
             o << (first ? "" : ",") << c;
             first = false;
         }
-        o << "], \"crop\": {\"enable\": false, \"x\": 0, \"y\": 0, \"width\": 0, \"height\": 0}, \"pictures\": "
-          << pictures << ", \"user_frames\": 0}";
+        const vpss_crop_info_t& crop = grp.crop;
+        o << "], \"crop\": {\"enable\": " << b(crop.enable != 0) << ", \"x\": " << crop.rect.x
+          << ", \"y\": " << crop.rect.y << ", \"width\": " << crop.rect.width << ", \"height\": " << crop.rect.height
+          << "}, \"pictures\": " << pictures << ", \"user_frames\": 0}";
     }
     o << "],\n\"venc\": [";
     list venc(o);
@@ -111,7 +142,9 @@ std::string render(const sim_media& m, int64_t now_us)
                     << ", \"produced\": " << v.ring->produced() << ", \"dropped\": " << v.ring->dropped()
                     << ", \"producing\": " << b(producing) << '}';
     }
-    o << "]\n}\n";
+    o << ']';
+    render_vout(o, m, now_us);
+    o << "\n}\n";
     return o.str();
 }
 

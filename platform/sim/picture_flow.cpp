@@ -89,3 +89,92 @@ uint64_t sim_flow_vpss_pictures(const sim_media& m, int32_t grp, int64_t now_us)
     double fps = sim_flow_vi_fps(m, vi);
     return now_us > since ? static_cast<uint64_t>(static_cast<double>(now_us - since) * fps / 1e6) : 0;
 }
+
+double sim_flow_src_fps(const sim_media& m, const mpp_chn_t& src)
+{
+    if (src.mod_id == HI_ID_VI) {
+        const int32_t vi = src.chn_id;
+        if (src.dev_id != 0 || vi < 0 || vi >= VIU_MAX_CHN_NUM || !m.vi_chn[vi].enabled ||
+            !m.vi_dev[vi_dev_of_chn(vi)].enabled)
+            return 0;
+        return sim_flow_vi_fps(m, vi);
+    }
+    if (src.mod_id == HI_ID_VPSS) {
+        const int32_t grp = src.dev_id, out = src.chn_id;
+        if (grp < 0 || grp >= VPSS_MAX_GRP_NUM || out < 0 || out >= VPSS_MAX_CHN_NUM)
+            return 0;
+        const sim_vpss_grp& g = m.vpss[grp];
+        if (!g.created || !g.started || !g.chn[out].enabled)
+            return 0;
+        const sim_binding* in = source_of(m, {HI_ID_VPSS, grp, 0});
+        return in != nullptr && in->src.mod_id == HI_ID_VI ? sim_flow_src_fps(m, in->src) : 0;
+    }
+    return 0;
+}
+
+double sim_flow_dest_fps(const sim_media& m, const mpp_chn_t& dest)
+{
+    const sim_binding* b = source_of(m, dest);
+    return b != nullptr ? sim_flow_src_fps(m, b->src) : 0;
+}
+
+namespace {
+
+// The count of dest in m, const or not as m is.
+template <class Media>
+auto* count_of(Media& m, const mpp_chn_t& dest, bool* running)
+{
+    decltype(&m.vo[0].chn[0].shown) none = nullptr;
+    if (dest.mod_id == HI_ID_VO && dest.dev_id >= 0 && dest.dev_id < VO_MAX_DEV_NUM && dest.chn_id >= 0 &&
+        dest.chn_id < VO_MAX_CHN_NUM) {
+        auto& c = m.vo[dest.dev_id].chn[dest.chn_id];
+        *running = c.enabled && !c.paused;
+        return &c.shown;
+    }
+    if (dest.mod_id == HI_ID_PCIV && dest.dev_id == 0 && dest.chn_id >= 0 && dest.chn_id < PCIV_MAX_CHN_NUM) {
+        auto& c = m.pciv[dest.chn_id];
+        *running = c.created && c.started;
+        return &c.received;
+    }
+    return none;
+}
+
+}  // namespace
+
+sim_pic_count* sim_flow_count_of(sim_media& m, const mpp_chn_t& dest, bool* running)
+{
+    return count_of(m, dest, running);
+}
+
+uint64_t sim_flow_pictures(const sim_media& m, const mpp_chn_t& dest, int64_t now_us)
+{
+    bool running = false;
+    const sim_pic_count* c = count_of(m, dest, &running);
+    if (c == nullptr)
+        return 0;
+    if (!running || now_us <= c->since_us)
+        return c->base;
+    double fps = sim_flow_dest_fps(m, dest);
+    return c->base + static_cast<uint64_t>(static_cast<double>(now_us - c->since_us) * fps / 1e6);
+}
+
+void sim_flow_settle(sim_media& m, const mpp_chn_t& dest, int64_t now_us)
+{
+    bool running = false;
+    sim_pic_count* c = sim_flow_count_of(m, dest, &running);
+    if (c == nullptr)
+        return;
+    c->base = sim_flow_pictures(m, dest, now_us);
+    c->since_us = now_us;
+}
+
+void sim_flow_settle_all(sim_media& m, int64_t now_us)
+{
+    for (int32_t d = 0; d < VO_MAX_DEV_NUM; ++d)
+        for (int32_t c = 0; c < VO_MAX_CHN_NUM; ++c)
+            if (m.vo[d].chn[c].enabled && !m.vo[d].chn[c].paused)
+                sim_flow_settle(m, {HI_ID_VO, d, c}, now_us);
+    for (int32_t c = 0; c < PCIV_MAX_CHN_NUM; ++c)
+        if (m.pciv[c].started)
+            sim_flow_settle(m, {HI_ID_PCIV, 0, c}, now_us);
+}

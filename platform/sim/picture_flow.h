@@ -35,3 +35,28 @@ double sim_flow_venc_fps(const sim_media& m, int32_t venc_chn, double src_fps);
 // Pictures processing group grp has received since it started (0 while
 // stopped or without a live input).
 uint64_t sim_flow_vpss_pictures(const sim_media& m, int32_t grp, int64_t now_us);
+
+// Pictures per second source src delivers to what is bound to it: a
+// capture channel that runs, or an enabled output channel of a started
+// processing group fed by one. 0 for anything else.
+double sim_flow_src_fps(const sim_media& m, const mpp_chn_t& src);
+
+// The same for the source bound to dest; 0 when none is.
+double sim_flow_dest_fps(const sim_media& m, const mpp_chn_t& dest);
+
+// The picture count of a destination that counts (an output channel or a
+// PCI video channel), and whether it runs; NULL for any other address.
+sim_pic_count* sim_flow_count_of(sim_media& m, const mpp_chn_t& dest, bool* running);
+
+// Pictures dest has received up to now.
+uint64_t sim_flow_pictures(const sim_media& m, const mpp_chn_t& dest, int64_t now_us);
+
+// Folds what dest has received up to now into its count; called before
+// its source or its running state changes. Nothing for an address that
+// does not count.
+void sim_flow_settle(sim_media& m, const mpp_chn_t& dest, int64_t now_us);
+
+// Settles every destination that counts and runs; called before a change
+// upstream of them (a binding, a group or capture channel switched) that
+// may change what they receive.
+void sim_flow_settle_all(sim_media& m, int64_t now_us);

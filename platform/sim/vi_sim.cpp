@@ -123,6 +123,7 @@ int32_t HI_MPI_VI_EnableDev(int32_t dev)
     if (int32_t r = sim_media_op(SIM_OP_HI_MPI_VI_EnableDev, k_mod, dev_valid(dev), HI_ERR_INVALID_DEVID))
         return r;
     media_access m;
+    sim_flow_settle_all(*m, sim_media_now_us());
     sim_vi_dev& d = m->vi_dev[dev];
     if (!d.attr_set)
         return hi_err(k_mod, HI_ERR_NOT_CONFIG);
@@ -135,6 +136,7 @@ int32_t HI_MPI_VI_DisableDev(int32_t dev)
     if (int32_t r = sim_media_op(SIM_OP_HI_MPI_VI_DisableDev, k_mod, dev_valid(dev), HI_ERR_INVALID_DEVID))
         return r;
     media_access m;
+    sim_flow_settle_all(*m, sim_media_now_us());
     if (dev_has_enabled_chn(*m, dev))
         return hi_err(k_mod, HI_ERR_NOT_PERM);
     m->vi_dev[dev].enabled = false;
@@ -166,6 +168,7 @@ int32_t HI_MPI_VI_EnableChn(int32_t chn)
     if (int32_t r = sim_media_op(SIM_OP_HI_MPI_VI_EnableChn, k_mod, chn_valid(chn), HI_ERR_INVALID_CHNID))
         return r;
     media_access m;
+    sim_flow_settle_all(*m, sim_media_now_us());
     sim_vi_chn& c = m->vi_chn[chn];
     if (!c.attr_set)
         return hi_err(k_mod, HI_ERR_NOT_CONFIG);
@@ -183,6 +186,7 @@ int32_t HI_MPI_VI_DisableChn(int32_t chn)
     if (int32_t r = sim_media_op(SIM_OP_HI_MPI_VI_DisableChn, k_mod, chn_valid(chn), HI_ERR_INVALID_CHNID))
         return r;
     media_access m;
+    sim_flow_settle_all(*m, sim_media_now_us());
     sim_vi_chn& c = m->vi_chn[chn];
     c.enabled = false;
     c.to420 = false;

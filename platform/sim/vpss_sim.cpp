@@ -4,6 +4,7 @@
 #include "platform/hi_mpi_vpss.h"
 #include "platform/sim/fault.h"
 #include "platform/sim/media_state.h"
+#include "platform/sim/picture_flow.h"
 
 namespace {
 
@@ -95,6 +96,8 @@ int32_t on_group(sim_op op, int32_t grp, int32_t chn, int32_t arg_err, Fn&& fn)
     sim_vpss_grp& g = m->vpss[grp];
     if (!g.created)
         return hi_err(k_mod, HI_ERR_UNEXIST);
+    // What the group passes on may change: the counts downstream settle first.
+    sim_flow_settle_all(*m, sim_media_now_us());
     return fn(g);
 }
 
@@ -195,4 +198,51 @@ int32_t HI_MPI_VPSS_DisableChn(int32_t grp, int32_t chn)
         g.chn[chn].enabled = false;
         return 0;
     });
+}
+
+namespace {
+
+bool crop_valid(const vpss_crop_info_t& c, const vpss_grp_attr_t& a)
+{
+    if (!is_switch(c.enable) || (c.coord_mode != VPSS_CROP_RATIO_COOR && c.coord_mode != VPSS_CROP_ABS_COOR) ||
+        c.crop_mode != 0)
+        return false;
+    if (c.enable == 0)
+        return true;
+    const vpss_rect_t& r = c.rect;
+    if (r.x < 0 || r.y < 0 || r.x % 2 != 0 || r.y % 2 != 0 || r.width % 2 != 0 || r.height % 2 != 0 ||
+        r.width < VPSS_MIN_SIZE || r.height < VPSS_MIN_SIZE)
+        return false;
+    // Thousandths of the picture, or pixels of the group's largest picture.
+    const uint64_t w = c.coord_mode == VPSS_CROP_RATIO_COOR ? 1000 : a.max_width;
+    const uint64_t h = c.coord_mode == VPSS_CROP_RATIO_COOR ? 1000 : a.max_height;
+    return static_cast<uint64_t>(r.x) + r.width <= w && static_cast<uint64_t>(r.y) + r.height <= h;
+}
+
+}  // namespace
+
+int32_t HI_MPI_VPSS_GetCropCfg(int32_t grp, vpss_crop_info_t* crop)
+{
+    int32_t err = crop == nullptr ? hi_err(k_mod, HI_ERR_NULL_PTR) : 0;
+    return on_group(SIM_OP_HI_MPI_VPSS_GetCropCfg, grp, k_no_chn, err, [crop](sim_vpss_grp& g) {
+        *crop = g.crop;
+        return 0;
+    });
+}
+
+int32_t HI_MPI_VPSS_SetCropCfg(int32_t grp, const vpss_crop_info_t* crop)
+{
+    int32_t err = crop == nullptr ? hi_err(k_mod, HI_ERR_NULL_PTR) : 0;
+    return on_group(SIM_OP_HI_MPI_VPSS_SetCropCfg, grp, k_no_chn, err, [crop](sim_vpss_grp& g) {
+        if (!crop_valid(*crop, g.attr))
+            return hi_err(k_mod, HI_ERR_ILLEGAL_PARAM);
+        g.crop = *crop;
+        return 0;
+    });
+}
+
+int32_t HI_MPI_VPSS_ResetGrp(int32_t grp)
+{
+    // No picture waits in a simulated group: it passes each one on as it comes.
+    return on_group(SIM_OP_HI_MPI_VPSS_ResetGrp, grp, k_no_chn, 0, [](sim_vpss_grp&) { return 0; });
 }

@@ -20,6 +20,7 @@
 #include "cal/cal.h"
 #include "platform/hi_mpi_pciv.h"
 #include "platform/hi_mpi_sys.h"
+#include "platform/hi_mpi_vdec.h"
 #include "platform/hi_mpi_venc.h"
 #include "platform/hi_mpi_vi.h"
 #include "platform/hi_mpi_vo.h"
@@ -84,6 +85,18 @@ venc_chn_attr_t jpeg_attr()
     venc_chn_attr_t a{};
     a.payload_type = PT_JPEG;
     a.jpeg = {64, 64, 64 * 64 * 3 / 2, 1, 0, 0, 64, 64};
+    return a;
+}
+
+pciv_attr_t pciv_attr(uint32_t w, uint32_t h)
+{
+    pciv_attr_t a{};
+    a.pic_attr = {w, h, {w, w}, 0, PIXEL_FORMAT_YUV_SEMIPLANAR_420};
+    a.blk_size = w * h * 3 / 2;
+    a.count = 2;
+    a.phy_addr[0] = 0x10000000;
+    a.phy_addr[1] = 0x10000000 + a.blk_size;
+    a.remote_obj = {0, 1};
     return a;
 }
 
@@ -243,6 +256,39 @@ const std::map<std::string_view, row>& rows()
         {"HI_MPI_VO_DisableChn", {fails_as::code, [](s&) { return HI_MPI_VO_DisableChn(0, 0); }}},
         {"HI_MPI_VO_Disable", {fails_as::code, [](s&) { return HI_MPI_VO_Disable(0); }}},
         {"HI_MPI_VO_DisableVideoLayer", {fails_as::code, [](s&) { return HI_MPI_VO_DisableVideoLayer(0); }}},
+        {"HI_MPI_VO_SetChnAttr", {fails_as::code, [](s&) {
+             vo_chn_attr_t a{0, {-2, 0, 640, 360}, 0};
+             return HI_MPI_VO_SetChnAttr(VO_CASCADE_DEV, 3, &a); }}},
+        {"HI_MPI_VO_GetChnAttr",
+         {fails_as::code, [](s&) { vo_chn_attr_t a{}; return HI_MPI_VO_GetChnAttr(VO_CASCADE_DEV, 1, &a); }}},
+        {"HI_MPI_VO_EnableChn", {fails_as::code, [](s&) { return HI_MPI_VO_EnableChn(VO_CASCADE_DEV, 2); }}},
+        {"HI_MPI_VO_ChnPause", {fails_as::code, [](s&) { return HI_MPI_VO_ChnPause(VO_CASCADE_DEV, 1); }}},
+        {"HI_MPI_VO_ChnResume", {fails_as::code, [](s&) { return HI_MPI_VO_ChnResume(VO_CASCADE_DEV, 4); }}},
+        {"HI_MPI_VO_ClearChnBuffer",
+         {fails_as::code, [](s&) { return HI_MPI_VO_ClearChnBuffer(VO_CASCADE_DEV, 1, 1); }}},
+        {"HI_MPI_VO_SetAttrBegin", {fails_as::code, [](s&) { return HI_MPI_VO_SetAttrBegin(VO_CASCADE_DEV); }}},
+        {"HI_MPI_VO_SetAttrEnd", {fails_as::code, [](s&) { return HI_MPI_VO_SetAttrEnd(VO_CASCADE_DEV); }}},
+
+        // PCI video channels
+        {"HI_MPI_PCIV_Create", {fails_as::code, [](s&) {
+             pciv_attr_t a = pciv_attr(640, 360);
+             return HI_MPI_PCIV_Create(5, &a); }}},
+        {"HI_MPI_PCIV_Destroy", {fails_as::code, [](s&) { return HI_MPI_PCIV_Destroy(2); }}},
+        {"HI_MPI_PCIV_Start", {fails_as::code, [](s&) { return HI_MPI_PCIV_Start(2); }}},
+        {"HI_MPI_PCIV_Stop", {fails_as::code, [](s&) { return HI_MPI_PCIV_Stop(1); }}},
+
+        // processing groups: crop and reset
+        {"HI_MPI_VPSS_GetCropCfg",
+         {fails_as::code, [](s&) { vpss_crop_info_t c{}; return HI_MPI_VPSS_GetCropCfg(0, &c); }}},
+        {"HI_MPI_VPSS_SetCropCfg", {fails_as::code, [](s&) {
+             vpss_crop_info_t c{1, VPSS_CROP_ABS_COOR, {100, 50, 640, 360}, 0};
+             return HI_MPI_VPSS_SetCropCfg(0, &c); }}},
+        {"HI_MPI_VPSS_ResetGrp", {fails_as::code, [](s&) { return HI_MPI_VPSS_ResetGrp(0); }}},
+
+        // decoder channels: intake and reset
+        {"HI_MPI_VDEC_StartRecvStream", {fails_as::code, [](s&) { return HI_MPI_VDEC_StartRecvStream(0); }}},
+        {"HI_MPI_VDEC_StopRecvStream", {fails_as::code, [](s&) { return HI_MPI_VDEC_StopRecvStream(0); }}},
+        {"HI_MPI_VDEC_ResetChn", {fails_as::code, [](s&) { return HI_MPI_VDEC_ResetChn(0); }}},
     };
     return table;
 }
@@ -291,6 +337,15 @@ protected:
         ASSERT_TRUE(HI_MPI_VENC_CreateGroup(2) == 0 && HI_MPI_VENC_CreateChn(2, &h264) == 0 &&
                     HI_MPI_VENC_RegisterChn(2, 2) == 0 && HI_MPI_VENC_CreateGroup(4) == 0 &&
                     HI_MPI_VENC_CreateChn(4, &h264) == 0 && HI_MPI_VENC_CreateChn(5, &jpeg) == 0);
+        // Output device 8: channel 1 shown, 2 configured, 4 paused, in a batch.
+        const vo_chn_attr_t vo{0, {0, 0, 960, 540}, 0};
+        ASSERT_TRUE(HI_MPI_VO_SetChnAttr(VO_CASCADE_DEV, 1, &vo) == 0 && HI_MPI_VO_EnableChn(VO_CASCADE_DEV, 1) == 0 &&
+                    HI_MPI_VO_SetChnAttr(VO_CASCADE_DEV, 2, &vo) == 0 &&
+                    HI_MPI_VO_SetChnAttr(VO_CASCADE_DEV, 4, &vo) == 0 && HI_MPI_VO_EnableChn(VO_CASCADE_DEV, 4) == 0 &&
+                    HI_MPI_VO_ChnPause(VO_CASCADE_DEV, 4) == 0 && HI_MPI_VO_SetAttrBegin(VO_CASCADE_DEV) == 0);
+        // PCI video channel 1 started, 2 created.
+        const pciv_attr_t pciv = pciv_attr(704, 576);
+        ASSERT_TRUE(HI_MPI_PCIV_Create(1, &pciv) == 0 && HI_MPI_PCIV_Start(1) == 0 && HI_MPI_PCIV_Create(2, &pciv) == 0);
         ASSERT_EQ(HI_MPI_PCIV_Malloc(8192, 1, &state_.block), 0);
         ASSERT_NE(state_.map = HI_MPI_SYS_Mmap(state_.block, 4096), nullptr);
         ASSERT_GE(state_.mcc_fd = mcc_open(MCC_DEV_NAME, O_RDWR), 0);
@@ -320,6 +375,7 @@ protected:
             o << "\ngrp " << grp.created << grp.started << " " << grp.param.strength[0];
             for (const sim_vpss_chn& c : grp.chn)
                 o << c.attr_set << c.enabled;
+            o << " crop " << grp.crop.enable << grp.crop.rect.x << "," << grp.crop.rect.width;
         }
         for (int g = 0; g < 6; ++g) {
             o << "\nvenc " << sim_media_venc_grp(g).created << sim_media_venc_grp(g).chn << " "
@@ -335,7 +391,15 @@ protected:
                 o << " q " << p.qfactor;
         }
         o << "\nvo " << sim_media_vo_dev(0).enabled << sim_media_vo_dev(0).layer_enabled
-          << sim_media_vo_dev(0).chn_enabled[0];
+          << sim_media_vo_dev(0).chn[0].enabled;
+        const sim_vo_dev vo = sim_media_vo_dev(VO_CASCADE_DEV);
+        o << " cascade " << vo.in_batch << vo.batches;
+        for (int c = 0; c < 6; ++c)
+            o << " " << vo.chn[c].attr_set << vo.chn[c].enabled << vo.chn[c].paused << vo.chn[c].clears << "@"
+              << vo.chn[c].attr.rect.x << "," << vo.chn[c].attr.rect.width;
+        for (int c = 0; c < 6; ++c)
+            o << " pciv " << sim_media_pciv_chn(c).created << sim_media_pciv_chn(c).started
+              << sim_media_pciv_chn(c).attr.pic_attr.width;
         for (const sim_binding& b : sim_media_bindings())
             o << "\nbind " << b.src.mod_id << "." << b.src.dev_id << "." << b.src.chn_id << ">" << b.dest.mod_id
               << "." << b.dest.dev_id << "." << b.dest.chn_id;

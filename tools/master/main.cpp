@@ -4,6 +4,9 @@
 //   tarvo-master serve --board <dir> [--slave <binary> --slaves N] [--seconds S]
 //   tarvo-master record --slave <binary> --board <dir> --out <dir> [--slaves N]
 //                       [--cameras C] [--seconds S] [--first-key-wait S]
+//   tarvo-master layout --slave <binary> --board <dir> --png <file> [--cells 1|4|9|16]
+//                       [--cameras C] [--cam-base B] [--first K] [--narrow] [--zoom x,y,w,h]
+//                       [--pciv]
 //
 // demo starts N slaves, shows each one's announcement and the DMA-info round
 // trips, polls status for S seconds and prints the summary. serve plays
@@ -13,7 +16,13 @@
 // N slaves, configures them as a recorder does, waits until every stream has
 // begun, records S seconds into one .h264 file per camera and stream under
 // the output folder, checks everything that arrives, and prints the summary
-// (also written to <out>/summary.json).
+// (also written to <out>/summary.json). layout starts one slave of C
+// cameras (default 4) from camera B, lays out a screen of 1, 4, 9 or 16
+// cells with cameras K, K + 1, ... (cells of other slaves included), zooms
+// a single cell, optionally sets up PCI video channels (main live for the
+// first camera, spot for the second, picture-in-picture on the first
+// sub-capture group) and draws the slave's part of the screen from its
+// media.json as a PNG.
 #include <signal.h>
 #include <unistd.h>
 
@@ -21,12 +30,15 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <array>
 #include <cstring>
+#include <optional>
 #include <string>
 #include <thread>
 
 #include "master/master.h"
 #include "master/record.h"
+#include "master/screen.h"
 
 using namespace tmaster;
 
@@ -50,6 +62,15 @@ struct cli {
     std::string out;
     int cameras = 8;
     int first_key_wait_s = 60;
+    // layout
+    std::string png;
+    int cells = 4;
+    int cam_base = 0;
+    int first = -1;
+    bool narrow = false;
+    bool pciv = false;
+    std::optional<std::array<int, 4>> zoom;
+    bool cameras_given = false;
 };
 
 int usage(const char* why)
@@ -67,7 +88,13 @@ int usage(const char* why)
                  "  --cameras C     record: cameras per slave, chip k with cameras C(k-1).. (default 8)\n"
                  "  --out DIR       record: the folder for the .h264 files and summary.json\n"
                  "  --first-key-wait S  record: how long streams may take to begin (default 60)\n"
-                 "  --port-wait S   how long to wait for a slave's ports (default 20)\n");
+                 "       tarvo-master layout --slave <binary> --board <dir> --png <file> [--cells 1|4|9|16]\n"
+                 "                           [--cameras C] [--cam-base B] [--first K] [--narrow] [--zoom x,y,w,h]\n"
+                 "                           [--pciv]\n"
+                 "  --port-wait S   how long to wait for a slave's ports (default 20)\n"
+                 "  layout: --cells the screen's cells (9: one of them 1280 x 720); --first the first\n"
+                 "          cell's camera (default B); --narrow: odd cameras captured 704 wide, every\n"
+                 "          camera narrow; --zoom crops a single cell; --pciv sets up PCI video\n");
     return 2;
 }
 
@@ -97,10 +124,14 @@ int parse_cli(int argc, char** argv, cli* c)
     if (argc < 2)
         return usage(nullptr);
     c->mode = argv[1];
-    if (c->mode != "demo" && c->mode != "serve" && c->mode != "record")
+    if (c->mode != "demo" && c->mode != "serve" && c->mode != "record" && c->mode != "layout")
         return usage(("unknown command \"" + c->mode + "\"").c_str());
     for (int i = 2; i < argc; ++i) {
         std::string a = argv[i];
+        if (a == "--narrow" || a == "--pciv") {
+            (a == "--narrow" ? c->narrow : c->pciv) = true;
+            continue;
+        }
         if (i + 1 >= argc)
             return usage(("missing value after " + a).c_str());
         const char* v = argv[++i];
@@ -120,6 +151,23 @@ int parse_cli(int argc, char** argv, cli* c)
         } else if (a == "--cameras") {
             if (!parse_int(v, 1, 16, &c->cameras))
                 return usage("--cameras takes 1..16");
+            c->cameras_given = true;
+        } else if (a == "--png") {
+            c->png = absolute(v);
+        } else if (a == "--cells") {
+            if (!parse_int(v, 1, 16, &c->cells) || (c->cells != 1 && c->cells != 4 && c->cells != 9 && c->cells != 16))
+                return usage("--cells takes 1, 4, 9 or 16");
+        } else if (a == "--cam-base") {
+            if (!parse_int(v, 0, 31, &c->cam_base))
+                return usage("--cam-base takes 0..31");
+        } else if (a == "--first") {
+            if (!parse_int(v, 0, 40, &c->first))
+                return usage("--first takes 0..40");
+        } else if (a == "--zoom") {
+            std::array<int, 4> z{};
+            if (std::sscanf(v, "%d,%d,%d,%d", &z[0], &z[1], &z[2], &z[3]) != 4)
+                return usage("--zoom takes x,y,w,h");
+            c->zoom = z;
         } else if (a == "--first-key-wait") {
             if (!parse_int(v, 1, 3600, &c->first_key_wait_s))
                 return usage("--first-key-wait takes 1..3600");
@@ -141,6 +189,14 @@ int parse_cli(int argc, char** argv, cli* c)
             return usage("record needs at least one slave");
         if (!c->seconds_given)
             c->seconds = 30;
+    }
+    if (c->mode == "layout") {
+        if (c->slave.empty() || c->png.empty())
+            return usage("layout needs --slave and --png");
+        if (!c->cameras_given)
+            c->cameras = 4;
+        if (c->first < 0)
+            c->first = c->cam_base;
     }
     if (!c->slave.empty() && access(c->slave.c_str(), X_OK) != 0)
         return usage(("cannot run " + c->slave + ": " + std::strerror(errno)).c_str());
@@ -343,6 +399,88 @@ int run_record(const cli& c)
     return s.rc != 0 ? s.rc : s.all_violations() != 0 ? 1 : 0;
 }
 
+void print_result(const char* what, const std::optional<reply_t>& r)
+{
+    if (r)
+        std::printf("-- %s -> result %d\n", what, r->head.result);
+    else
+        std::printf("-- %s -> no reply\n", what);
+}
+
+int run_layout(master& m, const cli& c)
+{
+    constexpr int chip = 1;
+    slave_config cfg;
+    cfg.binary = c.slave;
+    cfg.chip = chip;
+    cfg.cam_base = c.cam_base;
+    cfg.slave_cam = c.cameras;
+    cfg.num_vin = c.cameras;
+    if (m.start_slave(cfg) < 0 || !m.wait_announcement(chip, std::chrono::seconds(c.port_wait_s))) {
+        std::printf("-- chip %d: did not announce itself (%s)\n", chip, m.error().c_str());
+        return 1;
+    }
+    const milliseconds wait{5000};
+    layout_cmd l = c.cells == 9 ? nine_with_wide(c.first) : grid_layout(c.cells == 1 ? 1 : c.cells == 4 ? 2 : 4, c.first);
+    if (c.narrow) {
+        for (int k = 0; k < c.cameras; ++k) {
+            const int cam = c.cam_base + k;
+            vincaps_t caps{cam, k % 2 ? 704 : 1920, k % 2 ? 576 : 1080, k % 2 ? 0 : 1, 25.0, 0, k % 2 ? 0 : 3};
+            m.set_vincaps(chip, caps, wait);
+            if (cam < 32)
+                l.narrow[cam] = true;
+        }
+    }
+    print_result(("HSCC_CAL_SetLayout, " + std::to_string(l.cells.size()) + " cells from camera " +
+                  std::to_string(c.first)).c_str(),
+                 m.command(chip, CMD_SET_LAYOUT, layout_payload(l), wait));
+    if (c.zoom) {
+        const auto& z = *c.zoom;
+        print_result("HSCC_CAL_SetZoom", m.command(chip, CMD_SET_ZOOM, zoom_payload(c.first, z[0], z[1], z[2], z[3]), wait));
+    }
+    if (c.pciv) {
+        print_result("HSCC_CAL_InitPcivVo main, live",
+                     m.command(chip, CMD_INIT_PCIV_VO, pciv_init_payload(2, c.cam_base, 1, 1920, 1080), wait));
+        if (c.cameras > 1)
+            print_result("HSCC_CAL_InitPcivVo spot",
+                         m.command(chip, CMD_INIT_PCIV_VO, pciv_init_payload(1, c.cam_base + 1, 0, 640, 360), wait));
+        print_result("HSCC_CAL_InitPcivVo picture-in-picture",
+                     m.command(chip, CMD_INIT_PCIV_VO, pciv_init_payload(0, c.cameras, 0, 640, 360), wait));
+        print_result("HSCC_CAL_StartPcivVo picture-in-picture",
+                     m.command(chip, CMD_START_PCIV_VO, pciv_start_payload(0, c.cameras, 0, 0, 0), wait));
+    }
+    // The board writes its state within 100 ms of a change and every second
+    // while counters move: two seconds show pictures counted.
+    nap(2000);
+    std::string err;
+    std::optional<media_state> s = read_media_state(c.board, chip, &err);
+    if (!s) {
+        std::printf("-- %s\n", err.c_str());
+        return 1;
+    }
+    std::vector<screen_part> parts = screen_parts(*s, c.cameras);
+    for (const screen_part& p : parts) {
+        std::printf("-- output channel %d at %d,%d %dx%d from %s", p.vo.chn, p.vo.x, p.vo.y, p.vo.width, p.vo.height,
+                    p.via.c_str());
+        if (p.source)
+            std::printf(" (%d,%d,%d)", p.source->mod, p.source->dev, p.source->chn);
+        if (p.capture)
+            std::printf(", capture channel %d", p.capture->chn);
+        if (p.crop.enable)
+            std::printf(", zoomed to %d,%d %dx%d", p.crop.x, p.crop.y, p.crop.width, p.crop.height);
+        std::printf(", %llu pictures\n", static_cast<unsigned long long>(p.vo.pictures));
+    }
+    for (const media_pciv& p : s->pciv)
+        std::printf("-- PCI video channel %d %s %dx%d, %llu pictures\n", p.chn, p.started ? "started" : "stopped",
+                    p.width, p.height, static_cast<unsigned long long>(p.pictures));
+    if (draw_screen_png(parts, c.png, &err) != 0) {
+        std::printf("-- %s\n", err.c_str());
+        return 1;
+    }
+    std::printf("== %zu cell(s) of this slave drawn into %s\n", parts.size(), c.png.c_str());
+    return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv)
@@ -369,7 +507,7 @@ int main(int argc, char** argv)
         return 1;
     }
     std::printf("== tarvo-master %s on board %s\n", c.mode.c_str(), c.board.c_str());
-    int rc = c.mode == "demo" ? run_demo(m, c) : run_serve(m, c);
+    int rc = c.mode == "demo" ? run_demo(m, c) : c.mode == "layout" ? run_layout(m, c) : run_serve(m, c);
 
     std::printf("== summary\n");
     m.print_summary(stdout);
