@@ -69,3 +69,9 @@ int32_t HI_MPI_VPSS_SetChnAttr(int32_t grp, int32_t chn, const vpss_chn_attr_t* 
 // Needs the channel's attributes.
 int32_t HI_MPI_VPSS_EnableChn(int32_t grp, int32_t chn);
 int32_t HI_MPI_VPSS_DisableChn(int32_t grp, int32_t chn);
+
+struct video_frame_info_t;
+// Hands one picture to the group's input, as a bound source would.
+int32_t HI_MPI_VPSS_UserSendFrame(int32_t grp, const video_frame_info_t* frame);
+// Drops the pictures the group holds.
+int32_t HI_MPI_VPSS_ResetGrp(int32_t grp);

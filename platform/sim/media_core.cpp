@@ -16,6 +16,7 @@
 #include "platform/sim/media_json.h"
 #include "platform/sim/venc_producer.h"
 #include "platform/sim/venc_ring.h"
+#include "platform/sim/vdec_engine.h"
 
 namespace {
 
@@ -35,6 +36,7 @@ void reset(sim_media& m)
         c = {};
     }
     m.vo = {};
+    m.vdec = {};
     m.bindings.clear();
     m.mem.clear();
     m.board = {};
@@ -143,6 +145,7 @@ int sim_media_open(std::string* err)
     // Threads last: they read the core.
     if (int r = sim_venc_producer_open(err))
         return r;
+    sim_vdec_engine_open();
     return sim_media_json_open(err);
 }
 
@@ -151,6 +154,7 @@ void sim_media_close()
     // Threads first: they read the core.
     sim_media_json_close();
     sim_venc_producer_close();
+    sim_vdec_engine_close();
     media_access m;
     reset(*m);
 }
@@ -194,6 +198,12 @@ sim_venc_grp sim_media_venc_grp(int grp)
 {
     media_access m(media_access::read);
     return grp >= 0 && grp < VENC_MAX_GRP_NUM ? m->venc_grp[grp] : sim_venc_grp{};
+}
+
+sim_vdec_chn sim_media_vdec_chn(int chn)
+{
+    media_access m(media_access::read);
+    return chn >= 0 && chn < VDEC_MAX_CHN_NUM ? m->vdec[chn] : sim_vdec_chn{};
 }
 
 sim_venc_chn sim_media_venc_chn(int chn)

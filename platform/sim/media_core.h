@@ -15,6 +15,7 @@
 
 #include "platform/hi_comm.h"
 #include "platform/hi_mpi_sys.h"
+#include "platform/hi_mpi_vdec.h"
 #include "platform/hi_mpi_venc.h"
 #include "platform/hi_mpi_vi.h"
 #include "platform/hi_mpi_vo.h"
@@ -54,6 +55,9 @@ struct sim_vpss_grp {
     vpss_grp_attr_t attr;
     vpss_grp_param_t param;
     std::array<sim_vpss_chn, VPSS_MAX_CHN_NUM> chn;
+    uint64_t decoded;      // pictures a bound decoder channel delivered
+    uint64_t user_frames;  // pictures handed in by HI_MPI_VPSS_UserSendFrame
+    uint64_t resets;
 };
 
 struct sim_venc_grp {
@@ -75,6 +79,27 @@ struct sim_venc_chn {
     // (number 0, a key frame first) whenever it sees a new one.
     uint32_t session = 0;
     std::shared_ptr<sim_venc_ring> ring;  // the stream buffer, while created
+};
+
+// The SEI fields of the last access unit a decoder channel decoded.
+struct sim_vdec_last {
+    bool valid = false;
+    uint32_t camera = 0;
+    uint32_t chn = 0;
+    uint32_t seq = 0;
+};
+
+struct sim_vdec_chn {
+    bool created = false;
+    bool receiving = false;
+    vdec_chn_attr_t attr{};
+    vdec_prtcl_param_t prtcl{};
+    uint64_t pictures = 0;   // decoded
+    uint64_t refused = 0;    // sends refused (not receiving, too long)
+    uint64_t undecoded = 0;  // access units that completed no picture
+    uint32_t width = 0;      // of the last picture
+    uint32_t height = 0;
+    sim_vdec_last last;
 };
 
 struct sim_vo_dev {
@@ -108,6 +133,7 @@ sim_vpss_grp sim_media_vpss_grp(int grp);
 sim_venc_grp sim_media_venc_grp(int grp);
 sim_venc_chn sim_media_venc_chn(int chn);
 sim_vo_dev sim_media_vo_dev(int dev);
+sim_vdec_chn sim_media_vdec_chn(int chn);
 
 // All bindings, in the order they were made.
 std::vector<sim_binding> sim_media_bindings();

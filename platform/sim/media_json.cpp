@@ -80,7 +80,7 @@ std::string render(const sim_media& m, int64_t now_us)
         const sim_vpss_grp& grp = m.vpss[g];
         if (!grp.created)
             continue;
-        uint64_t pictures = sim_flow_vpss_pictures(m, g, now_us);
+        uint64_t pictures = sim_flow_vpss_pictures(m, g, now_us) + grp.decoded + grp.user_frames;
         vpss.next() << "{\"grp\": " << g << ", \"started\": " << b(grp.started) << ", \"chn\": [";
         bool first = true;
         for (int32_t c = 0; c < VPSS_MAX_CHN_NUM; ++c) {
@@ -90,7 +90,7 @@ std::string render(const sim_media& m, int64_t now_us)
             first = false;
         }
         o << "], \"crop\": {\"enable\": false, \"x\": 0, \"y\": 0, \"width\": 0, \"height\": 0}, \"pictures\": "
-          << pictures << ", \"user_frames\": 0}";
+          << pictures << ", \"user_frames\": " << grp.user_frames << '}';
     }
     o << "],\n\"venc\": [";
     list venc(o);
@@ -110,6 +110,21 @@ std::string render(const sim_media& m, int64_t now_us)
                     << ", \"fps_target\": " << (h264 ? v.attr.rc.target_frm_rate : 0)
                     << ", \"produced\": " << v.ring->produced() << ", \"dropped\": " << v.ring->dropped()
                     << ", \"producing\": " << b(producing) << '}';
+    }
+    o << "],\n\"vdec\": [";
+    list vdec(o);
+    for (int32_t c = 0; c < VDEC_MAX_CHN_NUM; ++c) {
+        const sim_vdec_chn& d = m.vdec[c];
+        if (!d.created)
+            continue;
+        vdec.next() << "{\"chn\": " << c << ", \"receiving\": " << b(d.receiving) << ", \"pictures\": " << d.pictures
+                    << ", \"refused\": " << d.refused << ", \"undecoded\": " << d.undecoded
+                    << ", \"width\": " << d.width << ", \"height\": " << d.height << ", \"last\": ";
+        if (d.last.valid)
+            o << "{\"camera\": " << d.last.camera << ", \"chn\": " << d.last.chn << ", \"seq\": " << d.last.seq << '}';
+        else
+            o << "null";
+        o << '}';
     }
     o << "]\n}\n";
     return o.str();

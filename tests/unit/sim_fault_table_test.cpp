@@ -20,6 +20,7 @@
 #include "cal/cal.h"
 #include "platform/hi_mpi_pciv.h"
 #include "platform/hi_mpi_sys.h"
+#include "platform/hi_mpi_vdec.h"
 #include "platform/hi_mpi_venc.h"
 #include "platform/hi_mpi_vi.h"
 #include "platform/hi_mpi_vo.h"
@@ -86,6 +87,9 @@ venc_chn_attr_t jpeg_attr()
     a.jpeg = {64, 64, 64 * 64 * 3 / 2, 1, 0, 0, 64, 64};
     return a;
 }
+
+constexpr vdec_chn_attr_t k_vdec{PT_H264_DEC, 1920 * 1080, 1, 1920, 1080, 3, VIDEO_MODE_FRAME, 0};
+constexpr vdec_prtcl_param_t k_prtcl{100, 21, 22, 1920 * 1080, 1};
 
 struct tx_note {
     long type;
@@ -200,6 +204,10 @@ const std::map<std::string_view, row>& rows()
         {"HI_MPI_VPSS_SetChnAttr", {fails_as::code, [](s&) { return HI_MPI_VPSS_SetChnAttr(0, 1, &k_vpss_chn); }}},
         {"HI_MPI_VPSS_EnableChn", {fails_as::code, [](s&) { return HI_MPI_VPSS_EnableChn(2, 0); }}},
         {"HI_MPI_VPSS_DisableChn", {fails_as::code, [](s&) { return HI_MPI_VPSS_DisableChn(0, 0); }}},
+        {"HI_MPI_VPSS_UserSendFrame", {fails_as::code, [](s&) {
+             video_frame_info_t f{64, 64, PIXEL_FORMAT_YUV_SEMIPLANAR_420, 0, 1, 0};
+             return HI_MPI_VPSS_UserSendFrame(0, &f); }}},
+        {"HI_MPI_VPSS_ResetGrp", {fails_as::code, [](s&) { return HI_MPI_VPSS_ResetGrp(0); }}},
 
         // encoder groups and channels
         {"HI_MPI_VENC_CreateGroup", {fails_as::code, [](s&) { return HI_MPI_VENC_CreateGroup(1); }}},
@@ -243,6 +251,25 @@ const std::map<std::string_view, row>& rows()
         {"HI_MPI_VO_DisableChn", {fails_as::code, [](s&) { return HI_MPI_VO_DisableChn(0, 0); }}},
         {"HI_MPI_VO_Disable", {fails_as::code, [](s&) { return HI_MPI_VO_Disable(0); }}},
         {"HI_MPI_VO_DisableVideoLayer", {fails_as::code, [](s&) { return HI_MPI_VO_DisableVideoLayer(0); }}},
+
+        // decoder channels: 0 receiving, 1 created
+        {"HI_MPI_VDEC_CreateChn", {fails_as::code, [](s&) { return HI_MPI_VDEC_CreateChn(2, &k_vdec); }}},
+        {"HI_MPI_VDEC_DestroyChn", {fails_as::code, [](s&) { return HI_MPI_VDEC_DestroyChn(1); }}},
+        {"HI_MPI_VDEC_GetPrtclParam",
+         {fails_as::code, [](s&) { vdec_prtcl_param_t p{}; return HI_MPI_VDEC_GetPrtclParam(0, &p); }}},
+        {"HI_MPI_VDEC_SetPrtclParam",
+         {fails_as::code, [](s&) { return HI_MPI_VDEC_SetPrtclParam(1, &k_prtcl); }}},
+        {"HI_MPI_VDEC_StartRecvStream", {fails_as::code, [](s&) { return HI_MPI_VDEC_StartRecvStream(1); }}},
+        {"HI_MPI_VDEC_StopRecvStream", {fails_as::code, [](s&) { return HI_MPI_VDEC_StopRecvStream(0); }}},
+        {"HI_MPI_VDEC_ResetChn", {fails_as::code, [](s&) { return HI_MPI_VDEC_ResetChn(1); }}},
+        {"HI_MPI_VDEC_SendStream", {fails_as::code, [](s&) {
+             static const uint8_t au[8] = {0, 0, 0, 1, 0x65, 0x88, 0x80, 0x40};
+             vdec_stream_t st{au, sizeof(au), 0};
+             return HI_MPI_VDEC_SendStream(0, &st, 0); }}},
+        {"HI_MPI_VDEC_GetImage",
+         {fails_as::code, [](s&) { video_frame_info_t f{}; return HI_MPI_VDEC_GetImage(0, &f, 0); }}},
+        {"HI_MPI_VDEC_ReleaseImage",
+         {fails_as::code, [](s&) { video_frame_info_t f{}; return HI_MPI_VDEC_ReleaseImage(0, &f); }}},
     };
     return table;
 }
@@ -291,6 +318,8 @@ protected:
         ASSERT_TRUE(HI_MPI_VENC_CreateGroup(2) == 0 && HI_MPI_VENC_CreateChn(2, &h264) == 0 &&
                     HI_MPI_VENC_RegisterChn(2, 2) == 0 && HI_MPI_VENC_CreateGroup(4) == 0 &&
                     HI_MPI_VENC_CreateChn(4, &h264) == 0 && HI_MPI_VENC_CreateChn(5, &jpeg) == 0);
+        ASSERT_TRUE(HI_MPI_VDEC_CreateChn(0, &k_vdec) == 0 && HI_MPI_VDEC_StartRecvStream(0) == 0 &&
+                    HI_MPI_VDEC_CreateChn(1, &k_vdec) == 0);
         ASSERT_EQ(HI_MPI_PCIV_Malloc(8192, 1, &state_.block), 0);
         ASSERT_NE(state_.map = HI_MPI_SYS_Mmap(state_.block, 4096), nullptr);
         ASSERT_GE(state_.mcc_fd = mcc_open(MCC_DEV_NAME, O_RDWR), 0);
@@ -317,7 +346,8 @@ protected:
         }
         for (int g = 0; g < 4; ++g) {
             sim_vpss_grp grp = sim_media_vpss_grp(g);
-            o << "\ngrp " << grp.created << grp.started << " " << grp.param.strength[0];
+            o << "\ngrp " << grp.created << grp.started << " " << grp.param.strength[0] << " " << grp.user_frames
+              << " " << grp.resets;
             for (const sim_vpss_chn& c : grp.chn)
                 o << c.attr_set << c.enabled;
         }
@@ -333,6 +363,10 @@ protected:
                 o << " kbps " << a.rc.bit_rate;
             if (under_test != "HI_MPI_VENC_GetJpegParam" && HI_MPI_VENC_GetJpegParam(g, &p) == 0)
                 o << " q " << p.qfactor;
+        }
+        for (int c = 0; c < 3; ++c) {
+            sim_vdec_chn d = sim_media_vdec_chn(c);
+            o << "\nvdec " << d.created << d.receiving << " " << d.prtcl.max_slice_num << " " << d.refused;
         }
         o << "\nvo " << sim_media_vo_dev(0).enabled << sim_media_vo_dev(0).layer_enabled
           << sim_media_vo_dev(0).chn_enabled[0];

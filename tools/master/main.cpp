@@ -4,6 +4,8 @@
 //   tarvo-master serve --board <dir> [--slave <binary> --slaves N] [--seconds S]
 //   tarvo-master record --slave <binary> --board <dir> --out <dir> [--slaves N]
 //                       [--cameras C] [--seconds S] [--first-key-wait S]
+//   tarvo-master play --slave <binary> --board <dir> --from <dir> [--cameras C]
+//                     [--skip-show N]
 //
 // demo starts N slaves, shows each one's announcement and the DMA-info round
 // trips, polls status for S seconds and prints the summary. serve plays
@@ -13,7 +15,10 @@
 // N slaves, configures them as a recorder does, waits until every stream has
 // begun, records S seconds into one .h264 file per camera and stream under
 // the output folder, checks everything that arrives, and prints the summary
-// (also written to <out>/summary.json).
+// (also written to <out>/summary.json). play starts one slave, hands it the
+// main recording streams of chip 1's first C cameras that record wrote under
+// --from as playback records on port 107, and compares the pictures the
+// board decoded with the frames sent.
 #include <signal.h>
 #include <unistd.h>
 
@@ -26,6 +31,7 @@
 #include <thread>
 
 #include "master/master.h"
+#include "master/play.h"
 #include "master/record.h"
 
 using namespace tmaster;
@@ -50,6 +56,8 @@ struct cli {
     std::string out;
     int cameras = 8;
     int first_key_wait_s = 60;
+    std::string from;
+    int skip_show = 0;
 };
 
 int usage(const char* why)
@@ -61,6 +69,10 @@ int usage(const char* why)
                  "       tarvo-master serve --board <dir> [--slave <binary> --slaves N] [--seconds S]\n"
                  "       tarvo-master record --slave <binary> --board <dir> --out <dir> [--slaves N]\n"
                  "                           [--cameras C] [--seconds S] [--first-key-wait S]\n"
+                 "       tarvo-master play --slave <binary> --board <dir> --from <dir> [--cameras C]\n"
+                 "                         [--skip-show N]\n"
+                 "  --from DIR      play: the folder record wrote\n"
+                 "  --skip-show N   play: skip-show mode, every N-th frame marked to be shown\n"
                  "  --slaves N      slaves on chips 1..N, chip k with cameras 8(k-1)..8k-1 (default 1)\n"
                  "  --seconds S     how long to poll status (default 5; serve: 0 runs until interrupted);\n"
                  "                  record: how long to record once every stream has begun (default 30)\n"
@@ -97,7 +109,7 @@ int parse_cli(int argc, char** argv, cli* c)
     if (argc < 2)
         return usage(nullptr);
     c->mode = argv[1];
-    if (c->mode != "demo" && c->mode != "serve" && c->mode != "record")
+    if (c->mode != "demo" && c->mode != "serve" && c->mode != "record" && c->mode != "play")
         return usage(("unknown command \"" + c->mode + "\"").c_str());
     for (int i = 2; i < argc; ++i) {
         std::string a = argv[i];
@@ -123,6 +135,11 @@ int parse_cli(int argc, char** argv, cli* c)
         } else if (a == "--first-key-wait") {
             if (!parse_int(v, 1, 3600, &c->first_key_wait_s))
                 return usage("--first-key-wait takes 1..3600");
+        } else if (a == "--from") {
+            c->from = absolute(v);
+        } else if (a == "--skip-show") {
+            if (!parse_int(v, 1, 240, &c->skip_show))
+                return usage("--skip-show takes 1..240");
         } else if (a == "--port-wait") {
             if (!parse_int(v, 1, 3600, &c->port_wait_s))
                 return usage("--port-wait takes 1..3600");
@@ -142,6 +159,8 @@ int parse_cli(int argc, char** argv, cli* c)
         if (!c->seconds_given)
             c->seconds = 30;
     }
+    if (c->mode == "play" && (c->slave.empty() || c->from.empty()))
+        return usage("play needs --slave and --from");
     if (!c->slave.empty() && access(c->slave.c_str(), X_OK) != 0)
         return usage(("cannot run " + c->slave + ": " + std::strerror(errno)).c_str());
     if (c->slave.empty())
@@ -343,6 +362,26 @@ int run_record(const cli& c)
     return s.rc != 0 ? s.rc : s.all_violations() != 0 ? 1 : 0;
 }
 
+int run_play(const cli& c)
+{
+    play_options o;
+    o.board = c.board;
+    o.slave = c.slave;
+    o.recording = c.from;
+    o.cameras = c.cameras;
+    o.slave_cam = c.cameras;
+    o.num_vin = c.cameras;
+    o.skip_show = c.skip_show > 0 ? 1 : 0;
+    o.show_every = c.skip_show;
+    o.progress = stdout;
+    std::printf("== tarvo-master play on board %s: %d camera(s) from %s\n", c.board.c_str(), c.cameras,
+                c.from.c_str());
+    std::fflush(stdout);
+    play_summary s = play(o);
+    print_play_summary(stdout, s);
+    return s.rc;
+}
+
 }  // namespace
 
 int main(int argc, char** argv)
@@ -359,6 +398,8 @@ int main(int argc, char** argv)
 
     if (c.mode == "record")
         return run_record(c);
+    if (c.mode == "play")
+        return run_play(c);
 
     master_options o;
     o.board = c.board;
