@@ -35,6 +35,8 @@ void reset(sim_media& m)
         c = {};
     }
     m.vo = {};
+    for (sim_rgn& r : m.rgn)
+        r = {};
     m.bindings.clear();
     m.mem.clear();
     m.board = {};
@@ -206,6 +208,12 @@ sim_vo_dev sim_media_vo_dev(int dev)
 {
     media_access m(media_access::read);
     return dev >= 0 && dev < VO_MAX_DEV_NUM ? m->vo[dev] : sim_vo_dev{};
+}
+
+sim_rgn sim_media_rgn(int32_t handle)
+{
+    media_access m(media_access::read);
+    return handle >= 0 && handle < RGN_HANDLE_MAX ? m->rgn[handle] : sim_rgn{};
 }
 
 std::vector<sim_binding> sim_media_bindings()
