@@ -25,6 +25,15 @@ temp_board_dir::~temp_board_dir()
     std::filesystem::remove_all(path_, ec);
 }
 
+void temp_board_dir::share_cache() const
+{
+    std::error_code ec;
+    std::filesystem::create_directories(TARVO_TEST_CACHE_DIR, ec);
+    std::filesystem::create_directory_symlink(TARVO_TEST_CACHE_DIR, path_ + "/cache", ec);
+    if (ec)
+        ADD_FAILURE() << "cannot link the shared cache: " << ec.message();
+}
+
 void board_test::reopen(const char* fail_rules, int chip)
 {
     chip_ = chip;

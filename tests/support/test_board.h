@@ -22,6 +22,11 @@ public:
     temp_board_dir& operator=(const temp_board_dir&) = delete;
 
     const std::string& path() const { return path_; }
+    // Links the board's cache/ to one shared by every test of this build
+    // tree, so the simulated encoder makes each scene loop once, not once per
+    // test. Loops are written under a temporary name and renamed, so boards
+    // running at the same time can share it.
+    void share_cache() const;
     std::string file(const std::string& rel) const { return path_ + "/" + rel; }
 
 private:

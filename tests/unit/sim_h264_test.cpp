@@ -25,11 +25,11 @@
 #include "platform/sim/scene.h"
 #include "platform/sim/media_json.h"
 #include "platform/sim/venc_producer.h"
+#include "tests/support/h264_decode.h"
 #include "tests/support/media_board.h"
 #include "vin/chip.h"
 
 #ifdef TARVO_SIM_OPENH264
-#include <wels/codec_api.h>
 #endif
 
 namespace {
@@ -91,36 +91,6 @@ TEST(sim_sei_test, fields_survive_emulation_prevention)
 
 #ifdef TARVO_SIM_OPENH264
 
-// Decodes Annex B access units; the sizes of the pictures that came out.
-class decoder {
-public:
-    decoder()
-    {
-        WelsCreateDecoder(&dec_);
-        SDecodingParam p{};
-        p.sVideoProperty.eVideoBsType = VIDEO_BITSTREAM_AVC;
-        dec_->Initialize(&p);
-    }
-    ~decoder()
-    {
-        dec_->Uninitialize();
-        WelsDestroyDecoder(dec_);
-    }
-    // The picture's size, {0, 0} when none came out.
-    std::pair<int, int> decode(const std::vector<uint8_t>& au)
-    {
-        uint8_t* planes[3] = {};
-        SBufferInfo info{};
-        if (dec_->DecodeFrameNoDelay(au.data(), static_cast<int>(au.size()), planes, &info) != 0 ||
-            info.iBufferStatus != 1)
-            return {0, 0};
-        return {info.UsrData.sSystemBuffer.iWidth, info.UsrData.sSystemBuffer.iHeight};
-    }
-
-private:
-    ISVCDecoder* dec_ = nullptr;
-};
-
 sim_loop_key small_key(uint32_t kbps = 300)
 {
     sim_loop_key k;
@@ -152,7 +122,7 @@ TEST_F(sim_loop_test, a_loop_decodes_at_its_size_holds_its_rate_and_comes_from_t
         ASSERT_NE(loop, nullptr);
         EXPECT_FALSE(made.from_cache);
         ASSERT_EQ(loop->aus.size(), 60u);  // 4 s at 15 fps, whole GOPs of 12
-        decoder dec;
+        h264_decoder dec;
         size_t bytes = 0;
         for (size_t i = 0; i < loop->aus.size(); ++i) {
             EXPECT_EQ(loop->aus[i].idr != 0, i % 12 == 0) << i;
@@ -287,7 +257,7 @@ TEST_F(sim_channel_test, a_live_channel_produces_a_decodable_stream_in_order_and
 {
     start_chain(small_attr(64 * 64 / 4 * 3, 15));
     ASSERT_TRUE(wait_for([] { return sim_venc_producing(k_venc); }));
-    decoder dec;
+    h264_decoder dec;
     std::vector<received> aus(24);
     bool wrapped = false;
     for (size_t i = 0; i < aus.size(); ++i) {
