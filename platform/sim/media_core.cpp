@@ -14,6 +14,7 @@
 #include "platform/sim/media_state.h"
 #include "platform/sim/sys_sim.h"
 #include "platform/sim/media_json.h"
+#include "platform/sim/venc_jpeg.h"
 #include "platform/sim/venc_producer.h"
 #include "platform/sim/venc_ring.h"
 
@@ -143,6 +144,8 @@ int sim_media_open(std::string* err)
         m->board = std::move(conf);
     }
     // Threads last: they read the core.
+    if (int r = sim_venc_jpeg_open(err))
+        return r;
     if (int r = sim_venc_producer_open(err))
         return r;
     return sim_media_json_open(err);
@@ -153,6 +156,7 @@ void sim_media_close()
     // Threads first: they read the core.
     sim_media_json_close();
     sim_venc_producer_close();
+    sim_venc_jpeg_close();
     media_access m;
     reset(*m);
 }
