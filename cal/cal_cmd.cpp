@@ -71,13 +71,6 @@ struct cmd_pciv_init_t {
 static_assert(offsetof(cmd_pciv_init_t, w) == 4);
 static_assert(sizeof(cmd_pciv_init_t) == 124);
 
-// HSCC_CAL_SetTimestamp.
-struct cmd_timestamp_t {
-    int32_t on;
-    int32_t date_fmt;
-    int32_t hour12;
-};
-static_assert(sizeof(cmd_timestamp_t) == 12);
 
 // A payload the row does not read.
 struct cmd_none_t {};
@@ -172,9 +165,6 @@ int row_init_pciv_vo(cal_t*, hsc_msg_t* msg)
     return waiting(msg);
 }
 
-int row_play_jpg(cal_t*, hsc_msg_t* msg)
-{
-    TRACE("HSCC_CAL_3531_playjpg on_playjpg:%d\n", cal_payload<cmd_word_t>(msg).w0);
     return waiting(msg);
 }
 
@@ -186,9 +176,6 @@ constexpr cal_cmd_row_t k_waiting_rows[] = {
     {HSCC_CAL_StartPcivVo, HSCC_CAL_StartPcivVo, min_len<cmd_word_t>(), true, row_waiting},
     {HSCC_CAL_StopPcivVo, HSCC_CAL_StopPcivVo, min_len<cmd_word_t>(), true, row_waiting},
     {HSCC_CAL_SetPrivacy, HSCC_CAL_SetPrivacy, min_len<cmd_none_t>(), true, row_waiting},
-    {HSCC_CAL_SetTimestamp, HSCC_CAL_SetTimestamp, min_len<cmd_timestamp_t>(), true, row_waiting},
-    {HSCC_CAL_SetTimeFont, HSCC_CAL_SetTimeFont_Last, min_len<cmd_none_t>(), true, row_waiting},
-    {HSCC_CAL_3531_playjpg, HSCC_CAL_3531_playjpg, min_len<cmd_word_t>(), true, row_play_jpg},
 };
 
 const cal_cmd_row_t* find_in(std::span<const cal_cmd_row_t> rows, uint32_t code)

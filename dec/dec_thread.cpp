@@ -17,9 +17,8 @@
 #include "platform/os.h"
 #include "runtime/kel_thread.h"
 
-// Joined by the snapshots and the video output; until they are linked in,
-// the calls below are skipped.
-int cal_m_enc_on_playjpg(cal_t* cal, int on) __attribute__((weak));
+// Joined by the video output; until it is linked in, the calls below are
+// skipped.
 int32_t HI_MPI_VO_ChnPause(int32_t dev, int32_t chn) __attribute__((weak));
 int32_t HI_MPI_VO_ChnResume(int32_t dev, int32_t chn) __attribute__((weak));
 int32_t HI_MPI_VO_ClearChnBuffer(int32_t dev, int32_t chn, int32_t all) __attribute__((weak));
@@ -141,8 +140,7 @@ int stop_dec(cal_dec_t* dec)
     dec->running = 0;
     TRACE("Stop dec \n");
     _dec_chip_exit(dec->cal);
-    if (cal_m_enc_on_playjpg != nullptr)
-        cal_m_enc_on_playjpg(dec->cal, 0);
+    cal_m_enc_on_playjpg(dec->cal, 0);
     return 0;
 }
 

@@ -14,6 +14,7 @@
 #include "platform/sim/media_state.h"
 #include "platform/sim/sys_sim.h"
 #include "platform/sim/media_json.h"
+#include "platform/sim/venc_jpeg.h"
 #include "platform/sim/venc_producer.h"
 #include "platform/sim/venc_ring.h"
 #include "platform/sim/vdec_engine.h"
@@ -37,6 +38,8 @@ void reset(sim_media& m)
     }
     m.vo = {};
     m.vdec = {};
+    for (sim_rgn& r : m.rgn)
+        r = {};
     m.bindings.clear();
     m.mem.clear();
     m.board = {};
@@ -143,6 +146,8 @@ int sim_media_open(std::string* err)
         m->board = std::move(conf);
     }
     // Threads last: they read the core.
+    if (int r = sim_venc_jpeg_open(err))
+        return r;
     if (int r = sim_venc_producer_open(err))
         return r;
     sim_vdec_engine_open();
@@ -155,6 +160,7 @@ void sim_media_close()
     sim_media_json_close();
     sim_venc_producer_close();
     sim_vdec_engine_close();
+    sim_venc_jpeg_close();
     media_access m;
     reset(*m);
 }
@@ -216,6 +222,12 @@ sim_vo_dev sim_media_vo_dev(int dev)
 {
     media_access m(media_access::read);
     return dev >= 0 && dev < VO_MAX_DEV_NUM ? m->vo[dev] : sim_vo_dev{};
+}
+
+sim_rgn sim_media_rgn(int32_t handle)
+{
+    media_access m(media_access::read);
+    return handle >= 0 && handle < RGN_HANDLE_MAX ? m->rgn[handle] : sim_rgn{};
 }
 
 std::vector<sim_binding> sim_media_bindings()
