@@ -165,9 +165,6 @@ int row_init_pciv_vo(cal_t*, hsc_msg_t* msg)
     return waiting(msg);
 }
 
-    return waiting(msg);
-}
-
 constexpr cal_cmd_row_t k_waiting_rows[] = {
     {HSCC_CAL_SetLayout, HSCC_CAL_SetLayout, min_len<cmd_word_t>(), true, row_waiting},
     {HSCC_CAL_SetZoom, HSCC_CAL_SetZoom, min_len<cmd_zoom_t>(), true, row_waiting},

@@ -415,6 +415,7 @@ protected:
         for (int c = 0; c < 3; ++c) {
             sim_vdec_chn d = sim_media_vdec_chn(c);
             o << "\nvdec " << d.created << d.receiving << " " << d.prtcl.max_slice_num << " " << d.refused;
+        }
         for (int h : {1, 3, 5, 64}) {
             sim_rgn g = sim_media_rgn(h);
             o << "\nrgn " << h << " " << g.created << g.attached << " " << g.chn.mod_id << "." << g.chn.chn_id << " "
