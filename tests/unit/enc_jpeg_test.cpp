@@ -73,6 +73,17 @@ protected:
         return g_sent;
     }
 
+    // A step that must give a picture: on a loaded machine (or under
+    // emulation) a picture can miss the step's 300 ms; the next pass takes
+    // one then, as on the board.
+    std::vector<sent_batch> step_with_picture(int ch)
+    {
+        std::vector<sent_batch> s;
+        for (int pass = 0; pass < 5 && s.empty(); ++pass)
+            s = step(ch);
+        return s;
+    }
+
     // Nothing of JPEG group 32 + ch is left: channel, group, binding.
     static void expect_torn_down(int ch)
     {
@@ -106,7 +117,7 @@ protected:
 TEST_F(enc_jpeg_test, a_camera_with_rec_running_gives_one_jpeg_and_keeps_no_channel)
 {
     run_video(ENC_KIND_JPEG, 8, 1);
-    std::vector<sent_batch> s = step(0);
+    std::vector<sent_batch> s = step_with_picture(0);
     ASSERT_EQ(s.size(), 1u);
     ASSERT_EQ(s[0].streams, std::vector<int>{8});
     EXPECT_EQ(s[0].jpg_on, std::vector<int32_t>{1});
@@ -115,7 +126,7 @@ TEST_F(enc_jpeg_test, a_camera_with_rec_running_gives_one_jpeg_and_keeps_no_chan
     expect_torn_down(0);
     // The JPEG switch off: the descriptor says so.
     run_video(ENC_KIND_JPEG, 8, 0);
-    s = step(0);
+    s = step_with_picture(0);
     ASSERT_EQ(s.size(), 1u);
     EXPECT_EQ(s[0].jpg_on, std::vector<int32_t>{0});
     EXPECT_EQ(enc()->chn[ENC_JPEG_CHN_BASE].fd, -1);
@@ -160,13 +171,13 @@ TEST_F(enc_jpeg_test, a_failure_at_any_step_tears_down_and_the_next_camera_goes_
         SCOPED_TRACE(f.rule);
         std::string err;
         ASSERT_EQ(sim_fault_set(f.rule, &err), 0) << err;
-        EXPECT_EQ(step(0).size(), f.picture ? 1u : 0u);
+        EXPECT_EQ((f.picture ? step_with_picture(0) : step(0)).size(), f.picture ? 1u : 0u);
         // A failed unbinding or stop leaves the channel to the next pass's
         // teardown; everything else is gone now.
         if (std::string(f.rule).find("UnBind") == std::string::npos &&
             std::string(f.rule).find("StopRecv") == std::string::npos)
             expect_torn_down(0);
-        std::vector<sent_batch> next = step(1);
+        std::vector<sent_batch> next = step_with_picture(1);
         ASSERT_EQ(next.size(), 1u);
         EXPECT_EQ(next[0].streams, std::vector<int>{9});
         expect_torn_down(1);
