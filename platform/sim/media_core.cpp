@@ -240,6 +240,8 @@ uint64_t sim_media_pictures(const mpp_chn_t& dest)
 {
     media_access m(media_access::read);
     return sim_flow_pictures(*m, dest, sim_media_now_us());
+}
+
 sim_rgn sim_media_rgn(int32_t handle)
 {
     media_access m(media_access::read);

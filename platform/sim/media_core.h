@@ -100,6 +100,8 @@ struct sim_vo_chn {
     vo_chn_attr_t attr{};
     uint32_t clears = 0;  // buffer clearings
     sim_pic_count shown;  // pictures shown while enabled and not paused
+};
+
 // The SEI fields of the last access unit a decoder channel decoded.
 struct sim_vdec_last {
     bool valid = false;

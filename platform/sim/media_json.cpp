@@ -83,6 +83,8 @@ void render_vout(std::ostringstream& o, const sim_media& m, int64_t now_us)
                     << ", \"pictures\": " << sim_flow_pictures(m, {HI_ID_PCIV, 0, c}, now_us) << '}';
     }
     o << "]";
+}
+
 // The file under the chip's directory that holds region h's last bitmap.
 std::string rgn_file(int32_t h)
 {

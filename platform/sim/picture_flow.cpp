@@ -179,6 +179,8 @@ void sim_flow_settle_all(sim_media& m, int64_t now_us)
     for (int32_t c = 0; c < PCIV_MAX_CHN_NUM; ++c)
         if (m.pciv[c].started)
             sim_flow_settle(m, {HI_ID_PCIV, 0, c}, now_us);
+}
+
 std::vector<sim_flow_cover> sim_flow_covers(const sim_media& m, int32_t vi, int w, int h)
 {
     std::vector<sim_flow_cover> out;
