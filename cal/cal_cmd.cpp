@@ -41,14 +41,6 @@ struct cmd_word_t {
 };
 static_assert(sizeof(cmd_word_t) == 4);
 
-// HSCC_CAL_SetMd.
-struct cmd_md_t {
-    int32_t cam;
-    int32_t threshold;
-};
-static_assert(offsetof(cmd_md_t, threshold) == 4);
-static_assert(sizeof(cmd_md_t) == 8);
-
 // HSCC_CAL_SetZoom.
 struct cmd_zoom_t {
     int32_t cam;
@@ -174,12 +166,6 @@ int row_waiting(cal_t*, hsc_msg_t* msg)
     return waiting(msg);
 }
 
-int row_set_md(cal_t* cal, hsc_msg_t* msg)
-{
-    TRACE("HSCC_CAL_SetMd cam:%d cam_base:%d\n", cal_payload<cmd_md_t>(msg).cam, cal->cam_base);
-    return waiting(msg);
-}
-
 int row_init_pciv_vo(cal_t*, hsc_msg_t* msg)
 {
     auto p = cal_payload<cmd_pciv_init_t>(msg);
@@ -209,7 +195,6 @@ int row_play_jpg(cal_t*, hsc_msg_t* msg)
 constexpr cal_cmd_row_t k_waiting_rows[] = {
     {HSCC_CAL_SetLayout, HSCC_CAL_SetLayout, min_len<cmd_word_t>(), true, row_waiting},
     {HSCC_CAL_SetZoom, HSCC_CAL_SetZoom, min_len<cmd_zoom_t>(), true, row_waiting},
-    {HSCC_CAL_SetMd, HSCC_CAL_SetMd, min_len<cmd_md_t>(), true, row_set_md},
     {HSCC_CAL_InitPcivVo, HSCC_CAL_InitPcivVo, min_len<cmd_pciv_init_t>(), true, row_init_pciv_vo},
     {HSCC_CAL_StartPcivVo, HSCC_CAL_StartPcivVo, min_len<cmd_word_t>(), true, row_waiting},
     {HSCC_CAL_StopPcivVo, HSCC_CAL_StopPcivVo, min_len<cmd_word_t>(), true, row_waiting},

@@ -16,6 +16,8 @@
 #include "platform/sim/media_json.h"
 #include "platform/sim/venc_producer.h"
 #include "platform/sim/venc_ring.h"
+#include "platform/sim/vda_motion.h"
+#include "platform/sim/vda_queue.h"
 
 namespace {
 
@@ -38,6 +40,11 @@ void reset(sim_media& m)
     m.bindings.clear();
     m.mem.clear();
     m.board = {};
+    for (sim_vda_chn& c : m.vda) {
+        if (c.queue)
+            c.queue->close();
+        c = {};
+    }
 }
 
 // What an address may be used as.
@@ -143,6 +150,8 @@ int sim_media_open(std::string* err)
     // Threads last: they read the core.
     if (int r = sim_venc_producer_open(err))
         return r;
+    if (int r = sim_vda_motion_open(err))
+        return r;
     return sim_media_json_open(err);
 }
 
@@ -150,6 +159,7 @@ void sim_media_close()
 {
     // Threads first: they read the core.
     sim_media_json_close();
+    sim_vda_motion_close();
     sim_venc_producer_close();
     media_access m;
     reset(*m);
@@ -206,6 +216,12 @@ sim_vo_dev sim_media_vo_dev(int dev)
 {
     media_access m(media_access::read);
     return dev >= 0 && dev < VO_MAX_DEV_NUM ? m->vo[dev] : sim_vo_dev{};
+}
+
+sim_vda_chn sim_media_vda_chn(int chn)
+{
+    media_access m(media_access::read);
+    return chn >= 0 && chn < VDA_MAX_CHN_NUM ? m->vda[chn] : sim_vda_chn{};
 }
 
 std::vector<sim_binding> sim_media_bindings()

@@ -15,6 +15,7 @@
 
 #include "platform/hi_comm.h"
 #include "platform/hi_mpi_sys.h"
+#include "platform/hi_mpi_vda.h"
 #include "platform/hi_mpi_venc.h"
 #include "platform/hi_mpi_vi.h"
 #include "platform/hi_mpi_vo.h"
@@ -83,6 +84,18 @@ struct sim_vo_dev {
     std::array<bool, VO_MAX_CHN_NUM> chn_enabled;
 };
 
+class sim_vda_queue;
+
+// A motion-detection channel; its results wait in its queue.
+struct sim_vda_chn {
+    bool created = false;
+    bool receiving = false;
+    vda_chn_attr_t attr{};
+    uint32_t session = 0;        // counts the starts of receiving
+    int64_t receiving_us = 0;    // host clock of the last start
+    std::shared_ptr<sim_vda_queue> queue;
+};
+
 struct sim_binding {
     mpp_chn_t src;
     mpp_chn_t dest;
@@ -108,6 +121,7 @@ sim_vpss_grp sim_media_vpss_grp(int grp);
 sim_venc_grp sim_media_venc_grp(int grp);
 sim_venc_chn sim_media_venc_chn(int chn);
 sim_vo_dev sim_media_vo_dev(int dev);
+sim_vda_chn sim_media_vda_chn(int chn);
 
 // All bindings, in the order they were made.
 std::vector<sim_binding> sim_media_bindings();

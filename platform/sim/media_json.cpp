@@ -15,6 +15,7 @@
 #include "platform/sim/media_state.h"
 #include "platform/sim/picture_flow.h"
 #include "platform/sim/venc_producer.h"
+#include "platform/sim/vda_queue.h"
 #include "platform/sim/venc_ring.h"
 
 namespace {
@@ -110,6 +111,15 @@ std::string render(const sim_media& m, int64_t now_us)
                     << ", \"fps_target\": " << (h264 ? v.attr.rc.target_frm_rate : 0)
                     << ", \"produced\": " << v.ring->produced() << ", \"dropped\": " << v.ring->dropped()
                     << ", \"producing\": " << b(producing) << '}';
+    }
+    o << "],\n\"vda\": [";
+    list vda(o);
+    for (int32_t c = 0; c < VDA_MAX_CHN_NUM; ++c) {
+        const sim_vda_chn& v = m.vda[c];
+        if (!v.created)
+            continue;
+        vda.next() << "{\"chn\": " << c << ", \"receiving\": " << b(v.receiving)
+                   << ", \"results\": " << v.queue->results() << ", \"dropped\": " << v.queue->dropped() << '}';
     }
     o << "]\n}\n";
     return o.str();

@@ -89,3 +89,35 @@ uint64_t sim_flow_vpss_pictures(const sim_media& m, int32_t grp, int64_t now_us)
     double fps = sim_flow_vi_fps(m, vi);
     return now_us > since ? static_cast<uint64_t>(static_cast<double>(now_us - since) * fps / 1e6) : 0;
 }
+
+sim_flow_vda_source sim_flow_vda_source_of(const sim_media& m, int32_t vda_chn)
+{
+    sim_flow_vda_source s;
+    if (vda_chn < 0 || vda_chn >= VDA_MAX_CHN_NUM)
+        return s;
+    const sim_binding* b = source_of(m, {HI_ID_VDA, 0, vda_chn});
+    if (b == nullptr || b->src.mod_id != HI_ID_VI || b->src.chn_id < 0 || b->src.chn_id >= VIU_MAX_CHN_NUM)
+        return s;
+    const int32_t vi = b->src.chn_id;
+    if (!m.vi_chn[vi].enabled || !m.vi_dev[vi_dev_of_chn(vi)].enabled)
+        return s;
+    s.vi = vi;
+    s.camera = sim_cam_base() + sim_vi_input_of_dev(vi_dev_of_chn(vi));
+    s.scene = m.board.camera(s.camera).scene;
+    s.fps = sim_flow_vi_fps(m, vi);
+    s.since_us = m.vi_chn[vi].enabled_us;
+    s.live = s.fps > 0;
+    return s;
+}
+
+std::vector<sim_cover> sim_flow_vi_covers(const sim_media&, int32_t)
+{
+    return {};
+}
+
+pic_size_t sim_flow_vi_size(const sim_media& m, int32_t chn)
+{
+    if (chn < 0 || chn >= VIU_MAX_CHN_NUM)
+        return {0, 0};
+    return m.vi_chn[chn].attr.dest_size;
+}

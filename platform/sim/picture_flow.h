@@ -8,7 +8,9 @@
 #pragma once
 
 #include <cstdint>
+#include <vector>
 
+#include "platform/sim/cover_paint.h"
 #include "platform/sim/media_state.h"
 
 // The live source of an encoder channel, followed back through the
@@ -35,3 +37,19 @@ double sim_flow_venc_fps(const sim_media& m, int32_t venc_chn, double src_fps);
 // Pictures processing group grp has received since it started (0 while
 // stopped or without a live input).
 uint64_t sim_flow_vpss_pictures(const sim_media& m, int32_t grp, int64_t now_us);
+
+// The source of a motion-detection channel: the capture channel bound to it.
+struct sim_flow_vda_source {
+    bool live = false;  // bound to an enabled capture channel whose camera delivers
+    int32_t vi = -1;    // the capture channel
+    int camera = -1;    // recorder-wide
+    sim_scene scene = sim_scene::absent;
+    double fps = 0;     // pictures per second it receives
+    int64_t since_us = 0;  // host clock from which the channel delivers
+};
+sim_flow_vda_source sim_flow_vda_source_of(const sim_media& m, int32_t vda_chn);
+
+// The solid covers attached to capture channel chn, in its output pixels,
+// and the channel's output size.
+std::vector<sim_cover> sim_flow_vi_covers(const sim_media& m, int32_t chn);
+pic_size_t sim_flow_vi_size(const sim_media& m, int32_t chn);

@@ -20,6 +20,7 @@
 #include "cal/cal.h"
 #include "platform/hi_mpi_pciv.h"
 #include "platform/hi_mpi_sys.h"
+#include "platform/hi_mpi_vda.h"
 #include "platform/hi_mpi_venc.h"
 #include "platform/hi_mpi_vi.h"
 #include "platform/hi_mpi_vo.h"
@@ -84,6 +85,18 @@ venc_chn_attr_t jpeg_attr()
     venc_chn_attr_t a{};
     a.payload_type = PT_JPEG;
     a.jpeg = {64, 64, 64 * 64 * 3 / 2, 1, 0, 0, 64, 64};
+    return a;
+}
+
+constexpr vda_chn_attr_t md_attr()
+{
+    vda_chn_attr_t a{};
+    a.vda_alg = VDA_ALG_REF;
+    a.mb_size = VDA_MB_16PIXEL;
+    a.rslt_num = 8;
+    a.vda_intvl = 15;
+    a.width = 512;
+    a.height = 288;
     return a;
 }
 
@@ -243,6 +256,21 @@ const std::map<std::string_view, row>& rows()
         {"HI_MPI_VO_DisableChn", {fails_as::code, [](s&) { return HI_MPI_VO_DisableChn(0, 0); }}},
         {"HI_MPI_VO_Disable", {fails_as::code, [](s&) { return HI_MPI_VO_Disable(0); }}},
         {"HI_MPI_VO_DisableVideoLayer", {fails_as::code, [](s&) { return HI_MPI_VO_DisableVideoLayer(0); }}},
+
+        // motion detection
+        {"HI_MPI_VDA_CreateChn", {fails_as::code, [](s&) {
+             vda_chn_attr_t a = md_attr();
+             return HI_MPI_VDA_CreateChn(2, &a); }}},
+        {"HI_MPI_VDA_DestroyChn", {fails_as::code, [](s&) { return HI_MPI_VDA_DestroyChn(1); }}},
+        {"HI_MPI_VDA_StartRecvPic", {fails_as::code, [](s&) { return HI_MPI_VDA_StartRecvPic(1); }}},
+        {"HI_MPI_VDA_StopRecvPic", {fails_as::code, [](s&) { return HI_MPI_VDA_StopRecvPic(0); }}},
+        {"HI_MPI_VDA_GetFd", {fails_as::code, [](s&) { return HI_MPI_VDA_GetFd(0); }}},
+        {"HI_MPI_VDA_GetData", {fails_as::code, [](s&) {
+             vda_data_t d{};
+             return HI_MPI_VDA_GetData(0, &d, false); }}},
+        {"HI_MPI_VDA_ReleaseData", {fails_as::code, [](s&) {
+             vda_data_t d{};
+             return HI_MPI_VDA_ReleaseData(0, &d); }}},
     };
     return table;
 }
@@ -291,6 +319,10 @@ protected:
         ASSERT_TRUE(HI_MPI_VENC_CreateGroup(2) == 0 && HI_MPI_VENC_CreateChn(2, &h264) == 0 &&
                     HI_MPI_VENC_RegisterChn(2, 2) == 0 && HI_MPI_VENC_CreateGroup(4) == 0 &&
                     HI_MPI_VENC_CreateChn(4, &h264) == 0 && HI_MPI_VENC_CreateChn(5, &jpeg) == 0);
+        // Motion channel 0 receiving, 1 created.
+        const vda_chn_attr_t md = md_attr();
+        ASSERT_TRUE(HI_MPI_VDA_CreateChn(0, &md) == 0 && HI_MPI_VDA_StartRecvPic(0) == 0 &&
+                    HI_MPI_VDA_CreateChn(1, &md) == 0);
         ASSERT_EQ(HI_MPI_PCIV_Malloc(8192, 1, &state_.block), 0);
         ASSERT_NE(state_.map = HI_MPI_SYS_Mmap(state_.block, 4096), nullptr);
         ASSERT_GE(state_.mcc_fd = mcc_open(MCC_DEV_NAME, O_RDWR), 0);
@@ -334,6 +366,8 @@ protected:
             if (under_test != "HI_MPI_VENC_GetJpegParam" && HI_MPI_VENC_GetJpegParam(g, &p) == 0)
                 o << " q " << p.qfactor;
         }
+        for (int c = 0; c < 3; ++c)
+            o << "\nvda " << sim_media_vda_chn(c).created << sim_media_vda_chn(c).receiving;
         o << "\nvo " << sim_media_vo_dev(0).enabled << sim_media_vo_dev(0).layer_enabled
           << sim_media_vo_dev(0).chn_enabled[0];
         for (const sim_binding& b : sim_media_bindings())
