@@ -37,6 +37,8 @@ void reset(sim_media& m)
         c = {};
     }
     m.vo = {};
+    for (sim_rgn& r : m.rgn)
+        r = {};
     m.bindings.clear();
     m.mem.clear();
     m.board = {};
@@ -222,6 +224,12 @@ sim_vda_chn sim_media_vda_chn(int chn)
 {
     media_access m(media_access::read);
     return chn >= 0 && chn < VDA_MAX_CHN_NUM ? m->vda[chn] : sim_vda_chn{};
+}
+
+sim_rgn sim_media_rgn(int32_t handle)
+{
+    media_access m(media_access::read);
+    return handle >= 0 && handle < RGN_HANDLE_MAX ? m->rgn[handle] : sim_rgn{};
 }
 
 std::vector<sim_binding> sim_media_bindings()

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "platform/hi_comm.h"
+#include "platform/hi_mpi_rgn.h"
 #include "platform/hi_mpi_sys.h"
 #include "platform/hi_mpi_vda.h"
 #include "platform/hi_mpi_venc.h"
@@ -96,6 +97,23 @@ struct sim_vda_chn {
     std::shared_ptr<sim_vda_queue> queue;
 };
 
+// A region: its attributes, where it is attached with which display
+// attributes, and the last bitmap it was given (overlays). bitmap_gen is a
+// board-wide number of the bitmap (0: none yet), so the media state writer
+// knows which files to renew.
+struct sim_rgn {
+    bool created = false;
+    rgn_attr_t attr{};
+    bool attached = false;
+    mpp_chn_t chn{};
+    rgn_chn_attr_t chn_attr{};
+    int32_t bitmap_format = 0;
+    uint32_t bitmap_width = 0;
+    uint32_t bitmap_height = 0;
+    std::vector<uint8_t> bitmap;  // rows of bitmap_width × 2 bytes
+    uint64_t bitmap_gen = 0;
+};
+
 struct sim_binding {
     mpp_chn_t src;
     mpp_chn_t dest;
@@ -122,6 +140,7 @@ sim_venc_grp sim_media_venc_grp(int grp);
 sim_venc_chn sim_media_venc_chn(int chn);
 sim_vo_dev sim_media_vo_dev(int dev);
 sim_vda_chn sim_media_vda_chn(int chn);
+sim_rgn sim_media_rgn(int32_t handle);
 
 // All bindings, in the order they were made.
 std::vector<sim_binding> sim_media_bindings();

@@ -110,9 +110,18 @@ sim_flow_vda_source sim_flow_vda_source_of(const sim_media& m, int32_t vda_chn)
     return s;
 }
 
-std::vector<sim_cover> sim_flow_vi_covers(const sim_media&, int32_t)
+std::vector<sim_cover> sim_flow_vi_covers(const sim_media& m, int32_t chn)
 {
-    return {};
+    std::vector<sim_cover> out;
+    const mpp_chn_t vi{HI_ID_VI, 0, chn};
+    for (const sim_rgn& r : m.rgn) {
+        if (!r.created || !r.attached || r.attr.type != COVER_RGN || !sim_same_chn(r.chn, vi) || r.chn_attr.show == 0)
+            continue;
+        const rgn_cover_chn_attr_t& c = r.chn_attr.cover;
+        out.push_back({c.x, c.y, static_cast<int>(c.width), static_cast<int>(c.height), c.color,
+                       static_cast<int>(c.layer)});
+    }
+    return out;
 }
 
 pic_size_t sim_flow_vi_size(const sim_media& m, int32_t chn)

@@ -19,6 +19,7 @@
 
 #include "cal/cal.h"
 #include "platform/hi_mpi_pciv.h"
+#include "platform/hi_mpi_rgn.h"
 #include "platform/hi_mpi_sys.h"
 #include "platform/hi_mpi_vda.h"
 #include "platform/hi_mpi_venc.h"
@@ -99,6 +100,26 @@ constexpr vda_chn_attr_t md_attr()
     a.height = 288;
     return a;
 }
+
+rgn_attr_t rgn_attr(int32_t type)
+{
+    rgn_attr_t a{};
+    a.type = type;
+    if (type == OVERLAY_RGN)
+        a.overlay = {PIXEL_FORMAT_RGB_1555, 0x7C1F, {352, 20}};
+    return a;
+}
+
+rgn_chn_attr_t cover_chn(int32_t x)
+{
+    rgn_chn_attr_t a{};
+    a.show = 1;
+    a.type = COVER_RGN;
+    a.cover = {x, 8, 64, 32, 0, 1, {}};
+    return a;
+}
+
+constexpr mpp_chn_t k_rgn_grp{HI_ID_GROUP, 2, 0};
 
 struct tx_note {
     long type;
@@ -271,6 +292,25 @@ const std::map<std::string_view, row>& rows()
         {"HI_MPI_VDA_ReleaseData", {fails_as::code, [](s&) {
              vda_data_t d{};
              return HI_MPI_VDA_ReleaseData(0, &d); }}},
+
+        // regions
+        {"HI_MPI_RGN_Create", {fails_as::code, [](s&) {
+             rgn_attr_t a = rgn_attr(COVER_RGN);
+             return HI_MPI_RGN_Create(5, &a); }}},
+        {"HI_MPI_RGN_Destroy", {fails_as::code, [](s&) { return HI_MPI_RGN_Destroy(1); }}},
+        {"HI_MPI_RGN_AttachToChn", {fails_as::code, [](s&) {
+             rgn_chn_attr_t a = cover_chn(16);
+             return HI_MPI_RGN_AttachToChn(1, &k_vi1, &a); }}},
+        {"HI_MPI_RGN_DetachFrmChn", {fails_as::code, [](s&) { return HI_MPI_RGN_DetachFrmChn(3, &k_vi0); }}},
+        {"HI_MPI_RGN_SetDisplayAttr", {fails_as::code, [](s&) {
+             rgn_chn_attr_t a = cover_chn(32);
+             return HI_MPI_RGN_SetDisplayAttr(3, &k_vi0, &a); }}},
+        {"HI_MPI_RGN_GetDisplayAttr",
+         {fails_as::code, [](s&) { rgn_chn_attr_t a{}; return HI_MPI_RGN_GetDisplayAttr(3, &k_vi0, &a); }}},
+        {"HI_MPI_RGN_SetBitMap", {fails_as::code, [](s&) {
+             static const std::vector<uint8_t> px(352 * 20 * 2, 9);
+             bitmap_t bm{PIXEL_FORMAT_RGB_1555, 352, 20, px.data()};
+             return HI_MPI_RGN_SetBitMap(64, &bm); }}},
     };
     return table;
 }
@@ -323,6 +363,16 @@ protected:
         const vda_chn_attr_t md = md_attr();
         ASSERT_TRUE(HI_MPI_VDA_CreateChn(0, &md) == 0 && HI_MPI_VDA_StartRecvPic(0) == 0 &&
                     HI_MPI_VDA_CreateChn(1, &md) == 0);
+        // Regions: cover 1 created apart, cover 3 on capture channel 0,
+        // overlay 64 on encoder group 2.
+        const rgn_attr_t cover = rgn_attr(COVER_RGN), overlay = rgn_attr(OVERLAY_RGN);
+        rgn_chn_attr_t cc = cover_chn(0), oc{};
+        oc.show = 1;
+        oc.type = OVERLAY_RGN;
+        oc.overlay.x = 20;
+        ASSERT_TRUE(HI_MPI_RGN_Create(1, &cover) == 0 && HI_MPI_RGN_Create(3, &cover) == 0 &&
+                    HI_MPI_RGN_AttachToChn(3, &k_vi0, &cc) == 0 && HI_MPI_RGN_Create(64, &overlay) == 0 &&
+                    HI_MPI_RGN_AttachToChn(64, &k_rgn_grp, &oc) == 0);
         ASSERT_EQ(HI_MPI_PCIV_Malloc(8192, 1, &state_.block), 0);
         ASSERT_NE(state_.map = HI_MPI_SYS_Mmap(state_.block, 4096), nullptr);
         ASSERT_GE(state_.mcc_fd = mcc_open(MCC_DEV_NAME, O_RDWR), 0);
@@ -368,6 +418,11 @@ protected:
         }
         for (int c = 0; c < 3; ++c)
             o << "\nvda " << sim_media_vda_chn(c).created << sim_media_vda_chn(c).receiving;
+        for (int h : {1, 3, 5, 64}) {
+            sim_rgn g = sim_media_rgn(h);
+            o << "\nrgn " << h << " " << g.created << g.attached << " " << g.chn.mod_id << "." << g.chn.chn_id << " "
+              << g.chn_attr.cover.x << " " << g.bitmap.size();
+        }
         o << "\nvo " << sim_media_vo_dev(0).enabled << sim_media_vo_dev(0).layer_enabled
           << sim_media_vo_dev(0).chn_enabled[0];
         for (const sim_binding& b : sim_media_bindings())
