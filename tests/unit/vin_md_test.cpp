@@ -235,14 +235,17 @@ TEST_F(vin_md_test, reports_carry_each_cameras_recorder_number_and_its_moved_cel
     for (const words& w : got[11])
         for (int r = 0; r < 32; ++r)
             EXPECT_EQ(w[r], r < 18 ? 0xFFFFFFFFu : 0u);
-    // The bar is full height: a moved column is moved in every row, and it
-    // moves about an eighth of the width (4 cells) plus its travel (~2 cells
-    // in 0.5 s) per result.
+    // The bar is full height: the cells it wholly entered or left are moved
+    // in every row, and it passes about an eighth of the width (4 cells)
+    // plus its travel (~2 cells in 0.5 s) per result. (Cells it only partly
+    // covered may differ from row to row with the scene behind them.)
     for (const words& w : got[9]) {
-        EXPECT_NE(w[0], 0u);
-        for (int r = 1; r < 18; ++r)
-            EXPECT_EQ(w[r], w[0]) << r;
-        EXPECT_LE(__builtin_popcount(w[0]), 16);
+        uint32_t every = 0xFFFFFFFFu;
+        for (int r = 0; r < 18; ++r) {
+            every &= w[r];
+            EXPECT_LE(__builtin_popcount(w[r]), 16) << r;
+        }
+        EXPECT_NE(every, 0u);
     }
     EXPECT_TRUE(got.count(7) == 0 && got.count(16) == 0);
 }
