@@ -198,7 +198,6 @@ constexpr cal_cmd_row_t k_waiting_rows[] = {
     {HSCC_CAL_InitPcivVo, HSCC_CAL_InitPcivVo, min_len<cmd_pciv_init_t>(), true, row_init_pciv_vo},
     {HSCC_CAL_StartPcivVo, HSCC_CAL_StartPcivVo, min_len<cmd_word_t>(), true, row_waiting},
     {HSCC_CAL_StopPcivVo, HSCC_CAL_StopPcivVo, min_len<cmd_word_t>(), true, row_waiting},
-    {HSCC_CAL_SetPrivacy, HSCC_CAL_SetPrivacy, min_len<cmd_none_t>(), true, row_waiting},
     {HSCC_CAL_SetTimestamp, HSCC_CAL_SetTimestamp, min_len<cmd_timestamp_t>(), true, row_waiting},
     {HSCC_CAL_SetTimeFont, HSCC_CAL_SetTimeFont_Last, min_len<cmd_none_t>(), true, row_waiting},
     {HSCC_CAL_3531_decstart, HSCC_CAL_3531_decstart, min_len<cmd_decstart_t>(), true, row_dec_start},

@@ -51,9 +51,15 @@ int row_set_md(cal_t* cal, hsc_msg_t* msg)
     return _vin_set_md(cal, cal_local_cam(cal, p.cam), p.md_threshold);
 }
 
+int row_set_privacy(cal_t* cal, hsc_msg_t* msg)
+{
+    return cal_vin_set_privacy(cal, msg);
+}
+
 constexpr cal_cmd_row_t k_rows[] = {
     {HSCC_CAL_SetVincaps, HSCC_CAL_SetVincaps, sizeof(vin_set_caps_cmd_t), false, row_set_vincaps},
     {HSCC_CAL_SetMd, HSCC_CAL_SetMd, sizeof(vin_set_md_cmd_t), false, row_set_md},
+    {HSCC_CAL_SetPrivacy, HSCC_CAL_SetPrivacy, sizeof(vin_set_privacy_cmd_t), false, row_set_privacy},
 };
 
 }  // namespace

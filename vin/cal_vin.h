@@ -78,6 +78,22 @@ struct vin_set_md_cmd_t {
 static_assert(offsetof(vin_set_md_cmd_t, md_threshold) == 4);
 static_assert(sizeof(vin_set_md_cmd_t) == 8);
 
+// Payload of HSCC_CAL_SetPrivacy: the rectangle in fractions of the picture.
+struct vin_set_privacy_cmd_t {
+    int32_t cam;   // recorder-wide camera
+    int32_t show;  // traced only
+    double x;      // left edge, fraction of the width
+    double y;      // top edge, fraction of the height
+    double w;
+    double h;
+};
+static_assert(offsetof(vin_set_privacy_cmd_t, show) == 4);
+static_assert(offsetof(vin_set_privacy_cmd_t, x) == 8);
+static_assert(offsetof(vin_set_privacy_cmd_t, y) == 16);
+static_assert(offsetof(vin_set_privacy_cmd_t, w) == 24);
+static_assert(offsetof(vin_set_privacy_cmd_t, h) == 32);
+static_assert(sizeof(vin_set_privacy_cmd_t) == 40);
+
 // The module's table: its command rows and its life.
 extern const cal_mod_t cal_vin_mod;
 
@@ -150,3 +166,27 @@ int _vin_md_pass(cal_vin_t* vin);
 // of md_row cells; the other words 0.
 void _vin_md_bitmap(const uint8_t* cells, int stride, int md_row, int md_col, int threshold,
                     uint32_t bitmap[CAL_VIN_MD_WORDS]);
+
+// ---- privacy masks -------------------------------------------------------------
+
+// Every sub capture channel is 640 x 360 as far as masks are concerned.
+inline constexpr int CAL_VIN_SUB_WIDTH = 640;
+inline constexpr int CAL_VIN_SUB_HEIGHT = 360;
+inline constexpr int CAL_VIN_PRIVACY_SUB_OFFSET = 16;
+
+// Region handle of camera c's mask on its main (sub false) or sub capture
+// channel. Main: c. Sub: c + 16 on a slave of up to 16 cameras, c + 32 on
+// a larger one, so that no camera's sub region is another camera's main
+// region (camera 16's main region 16 would otherwise be camera 0's sub
+// region). Handles stay below 64, clear of the time overlay's 64 + c.
+int cal_vin_privacy_handle(const cal_vin_t* vin, int c, bool sub);
+
+// Handler of HSCC_CAL_SetPrivacy (msg: the whole command). Removes camera
+// c's two masks and, for a rectangle of non-zero pixel width and height on
+// each channel, places a new black cover there; every platform failure is
+// traced and the result is 0. A camera outside the slave's range or a
+// rectangle that is not four finite numbers is refused with -1 and changes
+// nothing.
+int cal_vin_set_privacy(cal_t* cal, hsc_msg_t* msg);
+// The same on camera c's sub channel (640 x 360); 0.
+int _m_vin_set_privacy_subch(cal_t* cal, int c, int show, double x, double y, double w, double h);
