@@ -71,3 +71,21 @@ uint32_t sim_cover_digest(std::span<const sim_cover> covers, int chn_w, int chn_
     }
     return d == 0 ? 1 : d;
 }
+
+void sim_cover_paint(std::span<const sim_cover> scaled, const sim_picture& pic)
+{
+    for (const sim_cover& c : scaled) {
+        const int x0 = std::clamp(c.x, 0, pic.width), x1 = std::clamp(c.x + c.width, x0, pic.width);
+        const int y0 = std::clamp(c.y, 0, pic.height), y1 = std::clamp(c.y + c.height, y0, pic.height);
+        const uint8_t luma = sim_cover_luma(c.color);
+        for (int y = y0; y < y1; ++y)
+            std::memset(pic.y + static_cast<ptrdiff_t>(y) * pic.y_stride + x0, luma, static_cast<size_t>(x1 - x0));
+        uint8_t cb, cr;
+        sim_cover_chroma(c.color, &cb, &cr);
+        for (int y = y0 / 2; y < (y1 + 1) / 2; ++y)
+            for (int x = x0 / 2; x < (x1 + 1) / 2; ++x) {
+                pic.cb[static_cast<ptrdiff_t>(y) * pic.c_stride + x * pic.c_step] = cb;
+                pic.cr[static_cast<ptrdiff_t>(y) * pic.c_stride + x * pic.c_step] = cr;
+            }
+    }
+}

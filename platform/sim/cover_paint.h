@@ -8,12 +8,14 @@
 #include <span>
 #include <vector>
 
+#include "platform/sim/scene.h"
+
 struct sim_cover {
     int x, y, width, height;  // in the channel's pixels
     uint32_t color;           // 0xRRGGBB
     int layer;
 
-    bool operator==(const sim_cover&) const = default;
+    auto operator<=>(const sim_cover&) const = default;
 };
 
 // The luma of a colour (BT.601, studio range): black is 16.
@@ -33,3 +35,6 @@ uint32_t sim_cover_digest(std::span<const sim_cover> covers, int chn_w, int chn_
 // Covers scaled from a channel of chn_w x chn_h to a picture of w x h,
 // clipped to it, lower layers first.
 std::vector<sim_cover> sim_cover_scaled(std::span<const sim_cover> covers, int chn_w, int chn_h, int w, int h);
+
+// Paints covers already scaled to pic's size into it, luma and chroma.
+void sim_cover_paint(std::span<const sim_cover> scaled, const sim_picture& pic);

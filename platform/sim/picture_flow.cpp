@@ -58,6 +58,7 @@ sim_flow_source sim_flow_venc_source(const sim_media& m, int32_t venc_chn)
     int32_t vi = vi_of_group(m, grp);
     if (vi < 0 || !m.vi_chn[vi].enabled || !m.vi_dev[vi_dev_of_chn(vi)].enabled)
         return s;
+    s.vi = vi;
     s.input = sim_vi_input_of_dev(vi_dev_of_chn(vi));
     s.camera = sim_cam_base() + s.input;
     s.scene = m.board.camera(s.camera).scene;

@@ -19,6 +19,7 @@
 struct sim_flow_source {
     bool live = false;  // every link is there, running, and the camera delivers
     int input = -1;     // the slave's capture input
+    int32_t vi = -1;    // the capture channel
     int camera = -1;    // recorder-wide
     sim_scene scene = sim_scene::absent;
     double fps = 0;     // pictures per second reaching the encoder group

@@ -214,6 +214,15 @@ TEST_F(vin_md_test, reports_carry_each_cameras_recorder_number_and_its_moved_cel
     vin()->md_threshold[0] = 256;  // camera 8: nothing ever moves
     vin()->md_threshold[1] = 10;   // camera 9: only where the bar went
     // Camera 3 keeps threshold 0: every cell moved.
+    // Cameras 12 and 13 are masked, wholly and on their left half: motion
+    // detection sees the covers.
+    vin()->md_threshold[4] = vin()->md_threshold[5] = 10;
+    for (auto [cam, w] : {std::pair{12, 1.0}, std::pair{13, 0.5}}) {
+        hsc_msg_t msg{};
+        vin_set_privacy_cmd_t p{cam, 1, 0.0, 0.0, w, 1.0};
+        std::memcpy(msg.data, &p, sizeof p);
+        ASSERT_EQ(cal_vin_set_privacy(cal_, &msg), 0);
+    }
     ASSERT_EQ(_init_md(vin()), 0);
     ASSERT_EQ(kel_thread_start(vin()->thread, run_loop, vin()), 0);
     std::this_thread::sleep_for(std::chrono::milliseconds(2300));
@@ -247,6 +256,11 @@ TEST_F(vin_md_test, reports_carry_each_cameras_recorder_number_and_its_moved_cel
         }
         EXPECT_NE(every, 0u);
     }
+    for (const words& w : got[12])
+        EXPECT_THAT(w, Each(0u));
+    for (const words& w : got[13])
+        for (int r = 0; r < 18; ++r)
+            EXPECT_EQ(w[r] & 0xFFFFu, 0u) << r;
     EXPECT_TRUE(got.count(7) == 0 && got.count(16) == 0);
 }
 
