@@ -9,6 +9,8 @@ SUDO := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
 # libraries of the simulated board.
 APT_PACKAGES := cmake make g++ libgtest-dev libgmock-dev googletest libbenchmark-dev libopenh264-dev \
                 g++-arm-linux-gnueabi qemu-user
+# The master emulator's motion heat maps.
+APT_PACKAGES += libpng-dev
 
 DEMO_BOARD ?= $(CURDIR)/build/demo-board
 DEMO_OUT ?= $(CURDIR)/build/demo-record

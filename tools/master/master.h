@@ -180,6 +180,8 @@ public:
     std::optional<int32_t> set_enc_video(int chip, const enc_video_t& v, milliseconds timeout);
     std::optional<int32_t> run_enc_video(int chip, const run_video_t& r, milliseconds timeout);
     std::optional<int32_t> update_enc_video(int chip, const update_video_t& u, milliseconds timeout);
+    std::optional<int32_t> set_md(int chip, const set_md_t& md, milliseconds timeout);
+    std::optional<int32_t> set_privacy(int chip, const set_privacy_t& p, milliseconds timeout);
 
     // Sends bytes as one packet on a slave's port. 0, or -1.
     int send_raw(int chip, int port, std::span<const uint8_t> bytes);
