@@ -29,6 +29,7 @@
 #include <deque>
 #include <functional>
 #include <map>
+#include <set>
 #include <mutex>
 #include <optional>
 #include <span>
@@ -195,6 +196,9 @@ public:
     std::optional<notification> next_notification(milliseconds timeout);
     void hold_acks(bool hold);  // releasing the hold sends what waits
     int release_acks();         // sends every waiting acknowledgement; returns the count
+    // Holds back (or lets go) the answers of one port only, on every slave;
+    // the other ports are answered as before.
+    void hold_acks_on(int port, bool hold);
     size_t pending_acks() const;
 
     std::optional<slave_info> slave(int chip) const;
@@ -270,6 +274,7 @@ private:
     uint32_t next_id_ = 1;
     std::deque<pending_ack> acks_;
     bool hold_ = false;
+    std::set<int> held_ports_;
     std::deque<notification> queue_;
     std::deque<std::string> notes_;
     uint64_t note_count_ = 0;
