@@ -143,8 +143,9 @@ int _vin_set_md(cal_t* cal, int cam, int md_threshold);
 
 // Creates, binds and starts every camera's motion channel and takes its
 // descriptor. 0, or the platform error of the first failed step (that
-// camera and the ones after it get no channel). A camera whose descriptor
-// cannot be had ends the set-up with 0.
+// camera and the ones after it get no channel, and their descriptors are
+// -1 so that they are not waited on). A camera whose descriptor cannot be
+// had ends the set-up the same way with 0.
 int _init_md(cal_vin_t* vin);
 // Stops, unbinds and destroys every camera's motion channel, each step
 // traced when it fails; 0. vda_fd keeps its values.

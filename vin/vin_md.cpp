@@ -139,23 +139,33 @@ int _init_md(cal_vin_t* vin)
 {
     CAL_CHECK_OBJ(vin, cal_vin_t, "vin is NULL\n");
     static constexpr vda_chn_attr_t k_attr = md_chn_attr();
+    // The camera where the set-up stops and the ones after it are not
+    // waited on, also when an earlier set-up had given them a descriptor.
+    auto stop_at = [vin](int c) {
+        for (int k = c; k < vin->num; ++k)
+            vin->vda_fd[k] = -1;
+    };
     for (int c = 0; c < vin->num; ++c) {
         if (int32_t r = HI_MPI_VDA_CreateChn(c, &k_attr)) {
             TRACE("HI_MPI_VDA_CreateChn err!%#x\n", hex(r));
+            stop_at(c);
             return r;
         }
         const mpp_chn_t src = md_src(vin->cal, c), dest = md_dest(c);
         if (int32_t r = HI_MPI_SYS_Bind(&src, &dest)) {
             TRACE("HI_MPI_SYS_Bind err!%#x\n", hex(r));
+            stop_at(c);
             return r;
         }
         if (int32_t r = HI_MPI_VDA_StartRecvPic(c)) {
             TRACE("HI_MPI_VDA_StartRecvPic err!%#x\n", hex(r));
+            stop_at(c);
             return r;
         }
         const int32_t fd = HI_MPI_VDA_GetFd(c);
         if (fd < 0) {
             TRACE("HI_MPI_VDA_GetFd failed with %#x!\n", hex(fd));
+            stop_at(c);
             return 0;
         }
         vin->vda_fd[c] = fd;

@@ -195,6 +195,10 @@ TEST_F(vin_md_test, channels_are_made_bound_to_the_sub_capture_channels_and_take
 
 TEST_F(vin_md_test, a_failed_set_up_leaves_that_camera_and_the_later_ones_without_a_channel)
 {
+    // A set-up that worked before, taken down: the next one that fails does
+    // not leave the old descriptors to be waited on.
+    ASSERT_EQ(_init_md(vin()), 0);
+    ASSERT_EQ(_exit_md(vin()), 0);
     std::string err;
     ASSERT_EQ(sim_fault_set("HI_MPI_VDA_StartRecvPic@4=a0098010", &err), 0) << err;
     stdout_capture out;
