@@ -130,7 +130,9 @@ TEST_F(sim_vda_test, cells_the_bar_passed_wholly_are_at_least_64_and_covers_hide
 TEST_F(sim_vda_test, results_wait_in_order_are_given_back_in_order_and_a_full_channel_drops)
 {
     start(0, 16, md_attr(1, 2));
-    usleep(300000);  // ~9 results, two buffers
+    // A result a picture, two buffers: soon both are full and results drop.
+    for (int t = 0; t < 500 && sim_media_vda_chn(0).queue->dropped() == 0; ++t)
+        usleep(10000);
     vda_data_t a{}, b{}, c{};
     ASSERT_EQ(HI_MPI_VDA_GetData(0, &a, false), 0);
     ASSERT_EQ(HI_MPI_VDA_GetData(0, &b, false), 0);
