@@ -41,15 +41,6 @@ struct cmd_word_t {
 };
 static_assert(sizeof(cmd_word_t) == 4);
 
-// HSCC_CAL_SetMd.
-struct cmd_md_t {
-    int32_t cam;
-    int32_t threshold;
-};
-static_assert(offsetof(cmd_md_t, threshold) == 4);
-static_assert(sizeof(cmd_md_t) == 8);
-
-
 // A payload the row does not read.
 struct cmd_none_t {};
 
@@ -113,33 +104,6 @@ constexpr cal_cmd_row_t k_core_rows[] = {
     {HSCC_CAL_SetTime, HSCC_CAL_SetTime, min_len<cmd_time_t>(), true, row_set_time},
 };
 
-// ---- codes of modules still to come -------------------------------------------
-//
-// Until its module joins with a row of its own, such a code gets the trace
-// the loop writes before the handler and is answered 0.
-
-int waiting(const hsc_msg_t* msg)
-{
-    TRACE("cmd:%08x waits for its module\n", msg->cmd);
-    return 0;
-}
-
-int row_waiting(cal_t*, hsc_msg_t* msg)
-{
-    return waiting(msg);
-}
-
-int row_set_md(cal_t* cal, hsc_msg_t* msg)
-{
-    TRACE("HSCC_CAL_SetMd cam:%d cam_base:%d\n", cal_payload<cmd_md_t>(msg).cam, cal->cam_base);
-    return waiting(msg);
-}
-
-constexpr cal_cmd_row_t k_waiting_rows[] = {
-    {HSCC_CAL_SetMd, HSCC_CAL_SetMd, min_len<cmd_md_t>(), true, row_set_md},
-    {HSCC_CAL_SetPrivacy, HSCC_CAL_SetPrivacy, min_len<cmd_none_t>(), true, row_waiting},
-};
-
 const cal_cmd_row_t* find_in(std::span<const cal_cmd_row_t> rows, uint32_t code)
 {
     for (const cal_cmd_row_t& row : rows)
@@ -158,7 +122,7 @@ const cal_cmd_row_t* cal_cmd_find_row(const cal_t* cal, uint32_t code)
         if (const cal_mod_t* m = cal_mod_live(cal, static_cast<cal_mod_id>(id)))
             if (const cal_cmd_row_t* row = find_in(m->rows, code))
                 return row;
-    return find_in(k_waiting_rows, code);
+    return nullptr;
 }
 
 int cal_cmd_dispatch(cal_t* cal, hsc_msg_t* msg)

@@ -19,6 +19,8 @@
 #include "platform/sim/venc_producer.h"
 #include "platform/sim/venc_ring.h"
 #include "platform/sim/vdec_engine.h"
+#include "platform/sim/vda_motion.h"
+#include "platform/sim/vda_queue.h"
 
 namespace {
 
@@ -49,6 +51,11 @@ void reset(sim_media& m)
     m.bindings.clear();
     m.mem.clear();
     m.board = {};
+    for (sim_vda_chn& c : m.vda) {
+        if (c.queue)
+            c.queue->close();
+        c = {};
+    }
 }
 
 // What an address may be used as.
@@ -157,6 +164,8 @@ int sim_media_open(std::string* err)
     if (int r = sim_venc_producer_open(err))
         return r;
     sim_vdec_engine_open();
+    if (int r = sim_vda_motion_open(err))
+        return r;
     return sim_media_json_open(err);
 }
 
@@ -164,6 +173,7 @@ void sim_media_close()
 {
     // Threads first: they read the core.
     sim_media_json_close();
+    sim_vda_motion_close();
     sim_venc_producer_close();
     sim_vdec_engine_close();
     sim_venc_jpeg_close();
@@ -240,6 +250,14 @@ uint64_t sim_media_pictures(const mpp_chn_t& dest)
 {
     media_access m(media_access::read);
     return sim_flow_pictures(*m, dest, sim_media_now_us());
+}
+
+sim_vda_chn sim_media_vda_chn(int chn)
+{
+    media_access m(media_access::read);
+    return chn >= 0 && chn < VDA_MAX_CHN_NUM ? m->vda[chn] : sim_vda_chn{};
+}
+
 sim_rgn sim_media_rgn(int32_t handle)
 {
     media_access m(media_access::read);

@@ -18,6 +18,7 @@
 #include "platform/hi_mpi_rgn.h"
 #include "platform/hi_mpi_sys.h"
 #include "platform/hi_mpi_vdec.h"
+#include "platform/hi_mpi_vda.h"
 #include "platform/hi_mpi_venc.h"
 #include "platform/hi_mpi_vi.h"
 #include "platform/hi_mpi_vo.h"
@@ -100,6 +101,8 @@ struct sim_vo_chn {
     vo_chn_attr_t attr{};
     uint32_t clears = 0;  // buffer clearings
     sim_pic_count shown;  // pictures shown while enabled and not paused
+};
+
 // The SEI fields of the last access unit a decoder channel decoded.
 struct sim_vdec_last {
     bool valid = false;
@@ -134,6 +137,18 @@ struct sim_pciv_chn {
     bool started = false;
     pciv_attr_t attr{};      // as the creator gave it
     sim_pic_count received;  // pictures delivered while started
+};
+
+class sim_vda_queue;
+
+// A motion-detection channel; its results wait in its queue.
+struct sim_vda_chn {
+    bool created = false;
+    bool receiving = false;
+    vda_chn_attr_t attr{};
+    uint32_t session = 0;        // counts the starts of receiving
+    int64_t receiving_us = 0;    // host clock of the last start
+    std::shared_ptr<sim_vda_queue> queue;
 };
 
 // A region: its attributes, where it is attached with which display
@@ -182,6 +197,7 @@ sim_pciv_chn sim_media_pciv_chn(int chn);
 // Pictures an output channel or PCI video channel has received so far.
 uint64_t sim_media_pictures(const mpp_chn_t& dest);
 sim_vdec_chn sim_media_vdec_chn(int chn);
+sim_vda_chn sim_media_vda_chn(int chn);
 sim_rgn sim_media_rgn(int32_t handle);
 
 // All bindings, in the order they were made.

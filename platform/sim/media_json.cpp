@@ -19,6 +19,7 @@
 #include "platform/sim/media_state.h"
 #include "platform/sim/picture_flow.h"
 #include "platform/sim/venc_producer.h"
+#include "platform/sim/vda_queue.h"
 #include "platform/sim/venc_ring.h"
 
 namespace {
@@ -83,6 +84,8 @@ void render_vout(std::ostringstream& o, const sim_media& m, int64_t now_us)
                     << ", \"pictures\": " << sim_flow_pictures(m, {HI_ID_PCIV, 0, c}, now_us) << '}';
     }
     o << "]";
+}
+
 // The file under the chip's directory that holds region h's last bitmap.
 std::string rgn_file(int32_t h)
 {
@@ -200,6 +203,15 @@ std::string render(const sim_media& m, int64_t now_us)
         else
             o << "null";
         o << '}';
+    }
+    o << "],\n\"vda\": [";
+    list vda(o);
+    for (int32_t c = 0; c < VDA_MAX_CHN_NUM; ++c) {
+        const sim_vda_chn& v = m.vda[c];
+        if (!v.created)
+            continue;
+        vda.next() << "{\"chn\": " << c << ", \"receiving\": " << b(v.receiving)
+                   << ", \"results\": " << v.queue->results() << ", \"dropped\": " << v.queue->dropped() << '}';
     }
     render_rgn(o, m);
     o << ']';

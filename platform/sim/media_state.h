@@ -22,6 +22,7 @@ struct sim_media {
     std::vector<sim_binding> bindings;  // at most one per destination
     std::vector<sim_mem_conf> mem;      // at most one per channel address
     sim_board_conf board;
+    std::array<sim_vda_chn, VDA_MAX_CHN_NUM> vda;
 };
 
 // The core, locked for as long as the object lives. Operations take it once,

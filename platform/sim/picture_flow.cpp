@@ -179,29 +179,45 @@ void sim_flow_settle_all(sim_media& m, int64_t now_us)
     for (int32_t c = 0; c < PCIV_MAX_CHN_NUM; ++c)
         if (m.pciv[c].started)
             sim_flow_settle(m, {HI_ID_PCIV, 0, c}, now_us);
-std::vector<sim_flow_cover> sim_flow_covers(const sim_media& m, int32_t vi, int w, int h)
+}
+
+sim_flow_vda_source sim_flow_vda_source_of(const sim_media& m, int32_t vda_chn)
 {
-    std::vector<sim_flow_cover> out;
-    if (vi < 0 || vi >= VIU_MAX_CHN_NUM || w <= 0 || h <= 0)
-        return out;
-    const pic_size_t src = m.vi_chn[vi].attr.dest_size;
-    if (src.width == 0 || src.height == 0)
-        return out;
-    std::vector<std::pair<uint32_t, sim_flow_cover>> layered;
-    for (const sim_rgn& g : m.rgn) {
-        if (!g.created || !g.attached || g.attr.type != COVER_RGN || g.chn.mod_id != HI_ID_VI || g.chn.chn_id != vi ||
-            g.chn_attr.show != 1)
+    sim_flow_vda_source s;
+    if (vda_chn < 0 || vda_chn >= VDA_MAX_CHN_NUM)
+        return s;
+    const sim_binding* b = source_of(m, {HI_ID_VDA, 0, vda_chn});
+    if (b == nullptr || b->src.mod_id != HI_ID_VI || b->src.chn_id < 0 || b->src.chn_id >= VIU_MAX_CHN_NUM)
+        return s;
+    const int32_t vi = b->src.chn_id;
+    if (!m.vi_chn[vi].enabled || !m.vi_dev[vi_dev_of_chn(vi)].enabled)
+        return s;
+    s.vi = vi;
+    s.camera = sim_cam_base() + sim_vi_input_of_dev(vi_dev_of_chn(vi));
+    s.scene = m.board.camera(s.camera).scene;
+    s.fps = sim_flow_vi_fps(m, vi);
+    s.since_us = m.vi_chn[vi].enabled_us;
+    s.live = s.fps > 0;
+    return s;
+}
+
+std::vector<sim_cover> sim_flow_vi_covers(const sim_media& m, int32_t chn)
+{
+    std::vector<sim_cover> out;
+    const mpp_chn_t vi{HI_ID_VI, 0, chn};
+    for (const sim_rgn& r : m.rgn) {
+        if (!r.created || !r.attached || r.attr.type != COVER_RGN || !sim_same_chn(r.chn, vi) || r.chn_attr.show == 0)
             continue;
-        const rgn_cover_chn_attr_t& c = g.chn_attr.cover;
-        auto sx = [&](int64_t v) { return static_cast<int>(std::clamp<int64_t>(v * w / src.width, 0, w)); };
-        auto sy = [&](int64_t v) { return static_cast<int>(std::clamp<int64_t>(v * h / src.height, 0, h)); };
-        const int x0 = sx(c.x), y0 = sy(c.y), x1 = sx(int64_t{c.x} + c.width), y1 = sy(int64_t{c.y} + c.height);
-        if (x1 > x0 && y1 > y0)
-            layered.push_back({c.layer, {x0, y0, x1 - x0, y1 - y0, c.color}});
+        const rgn_cover_chn_attr_t& c = r.chn_attr.cover;
+        out.push_back({c.x, c.y, static_cast<int>(c.width), static_cast<int>(c.height), c.color,
+                       static_cast<int>(c.layer)});
     }
-    std::stable_sort(layered.begin(), layered.end(),
-                     [](const auto& a, const auto& b) { return a.first < b.first; });
-    for (const auto& e : layered)
-        out.push_back(e.second);
     return out;
+}
+
+pic_size_t sim_flow_vi_size(const sim_media& m, int32_t chn)
+{
+    if (chn < 0 || chn >= VIU_MAX_CHN_NUM)
+        return {0, 0};
+    return m.vi_chn[chn].attr.dest_size;
 }

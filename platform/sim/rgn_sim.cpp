@@ -200,6 +200,17 @@ int32_t HI_MPI_RGN_GetDisplayAttr(int32_t handle, const mpp_chn_t* chn, rgn_chn_
         });
 }
 
+namespace {
+
+// What the bitmap checks read of a region.
+struct sim_region_view {
+    bool created;
+    int32_t type;
+    uint32_t width, height;
+};
+
+}  // namespace
+
 int32_t HI_MPI_RGN_SetBitMap(int32_t handle, const bitmap_t* bitmap)
 {
     if (int32_t r = sim_media_op(SIM_OP_HI_MPI_RGN_SetBitMap, k_mod, handle_valid(handle), HI_ERR_INVALID_DEVID))
@@ -209,17 +220,34 @@ int32_t HI_MPI_RGN_SetBitMap(int32_t handle, const bitmap_t* bitmap)
     if (bitmap->pixel_format != PIXEL_FORMAT_RGB_1555 || bitmap->width == 0 || bitmap->height == 0 ||
         bitmap->width > RGN_OVERLAY_MAX_WIDTH || bitmap->height > RGN_OVERLAY_MAX_HEIGHT)
         return hi_err(k_mod, HI_ERR_ILLEGAL_PARAM);
-    // The copy is made before the core is taken.
+    // The bitmap is checked against its region before a byte of it is read:
+    // its pixels are width x height as given, and a caller's buffer is only
+    // known to hold that much once the size is one the region accepts.
+    auto refusal = [&](const sim_region_view& g) -> int32_t {
+        if (!g.created)
+            return hi_err(k_mod, HI_ERR_UNEXIST);
+        if (g.type != OVERLAY_RGN)
+            return hi_err(k_mod, HI_ERR_NOT_SUPPORT);
+        if (bitmap->width > g.width || bitmap->height > g.height)
+            return hi_err(k_mod, HI_ERR_ILLEGAL_PARAM);
+        return 0;
+    };
+    auto view = [](const sim_rgn& g) {
+        return sim_region_view{g.created, g.attr.type, g.attr.overlay.size.width, g.attr.overlay.size.height};
+    };
+    {
+        media_access m(media_access::read);
+        if (int32_t r = refusal(view(m->rgn[handle])))
+            return r;
+    }
+    // The copy is made outside the core; the region is checked again once
+    // the core is taken, as it may have changed meanwhile.
     const auto* p = static_cast<const uint8_t*>(bitmap->data);
     std::vector<uint8_t> pixels(p, p + size_t{bitmap->width} * bitmap->height * 2);
     media_access m;
     sim_rgn& g = m->rgn[handle];
-    if (!g.created)
-        return hi_err(k_mod, HI_ERR_UNEXIST);
-    if (g.attr.type != OVERLAY_RGN)
-        return hi_err(k_mod, HI_ERR_NOT_SUPPORT);
-    if (bitmap->width > g.attr.overlay.size.width || bitmap->height > g.attr.overlay.size.height)
-        return hi_err(k_mod, HI_ERR_ILLEGAL_PARAM);
+    if (int32_t r = refusal(view(g)))
+        return r;
     g.bitmap_format = bitmap->pixel_format;
     g.bitmap_width = bitmap->width;
     g.bitmap_height = bitmap->height;

@@ -18,6 +18,7 @@
 
 #include "platform/sim/jpeg_codec.h"
 #include "platform/sim/media_state.h"
+#include "platform/sim/cover_paint.h"
 #include "platform/sim/picture_flow.h"
 #include "platform/sim/scene.h"
 #include "platform/sim/sys_sim.h"
@@ -40,7 +41,7 @@ struct jpeg_job {
     int quality = 0;
     double src_fps = 0;  // pictures per second reaching the group
     double fps = 0;      // pictures per second the group passes on
-    std::vector<sim_flow_cover> covers;
+    std::vector<sim_cover> covers;  // scaled to the picture
 };
 
 // Per channel: the start of receiving its times belong to.
@@ -125,7 +126,9 @@ private:
             j.fps = r.vi_frm_rate > 0 && r.target_frm_rate > 0
                         ? std::min(src.fps * r.target_frm_rate / r.vi_frm_rate, static_cast<double>(r.target_frm_rate))
                         : src.fps;
-            j.covers = sim_flow_covers(*m, src.vi, j.width, j.height);
+            const pic_size_t vi_size = sim_flow_vi_size(*m, src.vi);
+            j.covers = sim_cover_scaled(sim_flow_vi_covers(*m, src.vi), static_cast<int>(vi_size.width),
+                                        static_cast<int>(vi_size.height), j.width, j.height);
             jobs.push_back(std::move(j));
         }
         return jobs;
@@ -170,8 +173,7 @@ private:
                         frame_.data() + luma + chroma, cw, 1};
         if (!painter(j).render(now, pic))
             return;
-        for (const sim_flow_cover& c : j.covers)
-            sim_picture_fill(pic, c.x, c.y, c.width, c.height, c.color);
+        sim_cover_paint(j.covers, pic);
         if (!sim_jpeg_encode(pic, j.quality, &jpeg_))
             return;
         const sim_pack_in pack{{std::span<const uint8_t>(jpeg_), {}}, JPEGE_PACK_PIC};

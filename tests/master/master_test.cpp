@@ -316,6 +316,7 @@ TEST_F(master_test, a_recorder_is_set_up_command_by_command_and_a_refusal_is_rep
 {
     connect_slave();
     record_plan plan;
+    plan.md_threshold = -1;  // motion is the next test's
     slave_plan sp{1, 8, 2, 8};
     auto done = std::async(std::launch::async, [&] { return configure_recorder(*m_, sp, plan, WAIT); });
     std::vector<std::pair<uint32_t, std::vector<uint8_t>>> got;
@@ -400,6 +401,40 @@ TEST_F(master_test, a_recorder_is_set_up_command_by_command_and_a_refusal_is_rep
     EXPECT_EQ(u.sync, 1);
     EXPECT_EQ(u.fps, 30);
     EXPECT_NEAR(static_cast<double>(u.t), static_cast<double>(now), 5e6);
+}
+
+TEST_F(master_test, a_recorder_sets_every_cameras_threshold_and_the_masks_of_its_own_cameras)
+{
+    connect_slave();
+    record_plan plan;
+    plan.md_threshold = 10;
+    plan.masks = {{9, 0.5, 0.25, 0.25, 0.5}, {3, 0, 0, 1, 1}};  // camera 3 is another slave's
+    slave_plan sp{1, 8, 2, 8};
+    auto done = std::async(std::launch::async, [&] { return configure_recorder(*m_, sp, plan, WAIT); });
+    std::vector<std::pair<uint32_t, std::vector<uint8_t>>> got;
+    const fake_port& cal = port(PORT_CAL);
+    while (got.empty() || got.back().first != CMD_UPDATE_ENC_VIDEO) {
+        std::vector<uint8_t> req = cal.recv();
+        ASSERT_GE(req.size(), MSG_HEAD_SIZE);
+        msg_head_t h = load_prefix<msg_head_t>(req);
+        got.emplace_back(h.cmd, std::vector<uint8_t>(req.begin() + MSG_HEAD_SIZE, req.end()));
+        ASSERT_TRUE(cal.send(req));
+    }
+    EXPECT_TRUE(done.get().empty());
+    // After the formats: a threshold per camera, then the one mask.
+    ASSERT_GE(got.size(), 6u);
+    for (int k : {3, 4}) {
+        ASSERT_EQ(got[k].first, CMD_SET_MD);
+        set_md_t md = load_at<set_md_t>(got[k].second, 0);
+        EXPECT_EQ(md.cam, 8 + k - 3);
+        EXPECT_EQ(md.threshold, 10);
+    }
+    ASSERT_EQ(got[5].first, CMD_SET_PRIVACY);
+    set_privacy_t p = load_at<set_privacy_t>(got[5].second, 0);
+    EXPECT_EQ(p.cam, 9);
+    EXPECT_EQ(p.x, 0.5);
+    EXPECT_EQ(p.h, 0.5);
+    EXPECT_EQ(got[6].first, CMD_SET_ENC_VIDEO);
 }
 
 TEST_F(master_test, a_recorder_as_the_notification_callback_writes_what_a_slave_sends)

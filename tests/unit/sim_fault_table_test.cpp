@@ -22,6 +22,7 @@
 #include "platform/hi_mpi_rgn.h"
 #include "platform/hi_mpi_sys.h"
 #include "platform/hi_mpi_vdec.h"
+#include "platform/hi_mpi_vda.h"
 #include "platform/hi_mpi_venc.h"
 #include "platform/hi_mpi_vi.h"
 #include "platform/hi_mpi_vo.h"
@@ -103,6 +104,18 @@ pciv_attr_t pciv_attr(uint32_t w, uint32_t h)
 
 constexpr vdec_chn_attr_t k_vdec{PT_H264_DEC, 1920 * 1080, 1, 1920, 1080, 3, VIDEO_MODE_FRAME, 0};
 constexpr vdec_prtcl_param_t k_prtcl{100, 21, 22, 1920 * 1080, 1};
+constexpr vda_chn_attr_t md_attr()
+{
+    vda_chn_attr_t a{};
+    a.vda_alg = VDA_ALG_REF;
+    a.mb_size = VDA_MB_16PIXEL;
+    a.rslt_num = 8;
+    a.vda_intvl = 15;
+    a.width = 512;
+    a.height = 288;
+    return a;
+}
+
 rgn_attr_t rgn_attr(int32_t type)
 {
     rgn_attr_t a{};
@@ -330,6 +343,21 @@ const std::map<std::string_view, row>& rows()
          {fails_as::code, [](s&) { video_frame_info_t f{}; return HI_MPI_VDEC_GetImage(0, &f, 0); }}},
         {"HI_MPI_VDEC_ReleaseImage",
          {fails_as::code, [](s&) { video_frame_info_t f{}; return HI_MPI_VDEC_ReleaseImage(0, &f); }}},
+        // motion detection
+        {"HI_MPI_VDA_CreateChn", {fails_as::code, [](s&) {
+             vda_chn_attr_t a = md_attr();
+             return HI_MPI_VDA_CreateChn(2, &a); }}},
+        {"HI_MPI_VDA_DestroyChn", {fails_as::code, [](s&) { return HI_MPI_VDA_DestroyChn(1); }}},
+        {"HI_MPI_VDA_StartRecvPic", {fails_as::code, [](s&) { return HI_MPI_VDA_StartRecvPic(1); }}},
+        {"HI_MPI_VDA_StopRecvPic", {fails_as::code, [](s&) { return HI_MPI_VDA_StopRecvPic(0); }}},
+        {"HI_MPI_VDA_GetFd", {fails_as::code, [](s&) { return HI_MPI_VDA_GetFd(0); }}},
+        {"HI_MPI_VDA_GetData", {fails_as::code, [](s&) {
+             vda_data_t d{};
+             return HI_MPI_VDA_GetData(0, &d, false); }}},
+        {"HI_MPI_VDA_ReleaseData", {fails_as::code, [](s&) {
+             vda_data_t d{};
+             return HI_MPI_VDA_ReleaseData(0, &d); }}},
+
         // regions
         {"HI_MPI_RGN_Create", {fails_as::code, [](s&) {
              rgn_attr_t a = rgn_attr(COVER_RGN);
@@ -407,6 +435,10 @@ protected:
         ASSERT_TRUE(HI_MPI_PCIV_Create(1, &pciv) == 0 && HI_MPI_PCIV_Start(1) == 0 && HI_MPI_PCIV_Create(2, &pciv) == 0);
         ASSERT_TRUE(HI_MPI_VDEC_CreateChn(0, &k_vdec) == 0 && HI_MPI_VDEC_StartRecvStream(0) == 0 &&
                     HI_MPI_VDEC_CreateChn(1, &k_vdec) == 0);
+        // Motion channel 0 receiving, 1 created.
+        const vda_chn_attr_t md = md_attr();
+        ASSERT_TRUE(HI_MPI_VDA_CreateChn(0, &md) == 0 && HI_MPI_VDA_StartRecvPic(0) == 0 &&
+                    HI_MPI_VDA_CreateChn(1, &md) == 0);
         // Regions: cover 1 created apart, cover 3 on capture channel 0,
         // overlay 64 on encoder group 2.
         const rgn_attr_t cover = rgn_attr(COVER_RGN), overlay = rgn_attr(OVERLAY_RGN);
@@ -466,6 +498,8 @@ protected:
             sim_vdec_chn d = sim_media_vdec_chn(c);
             o << "\nvdec " << d.created << d.receiving << " " << d.prtcl.max_slice_num << " " << d.refused;
         }
+        for (int c = 0; c < 3; ++c)
+            o << "\nvda " << sim_media_vda_chn(c).created << sim_media_vda_chn(c).receiving;
         for (int h : {1, 3, 5, 64}) {
             sim_rgn g = sim_media_rgn(h);
             o << "\nrgn " << h << " " << g.created << g.attached << " " << g.chn.mod_id << "." << g.chn.chn_id << " "

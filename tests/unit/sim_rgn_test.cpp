@@ -126,7 +126,9 @@ TEST_F(sim_rgn_test, an_overlay_keeps_its_last_bitmap_and_the_board_shows_it)
     for (size_t i = 0; i < px.size(); ++i)
         px[i] = static_cast<uint8_t>(i * 7);
     bitmap_t bm{PIXEL_FORMAT_RGB_1555, 352, 20, px.data()};
-    bitmap_t big{PIXEL_FORMAT_RGB_1555, 354, 20, px.data()}, fmt{PIXEL_FORMAT_YUV_SEMIPLANAR_420, 352, 20, px.data()},
+    // A bitmap wider than its region, with pixels enough for its own size.
+    std::vector<uint8_t> wide(354 * 20 * 2);
+    bitmap_t big{PIXEL_FORMAT_RGB_1555, 354, 20, wide.data()}, fmt{PIXEL_FORMAT_YUV_SEMIPLANAR_420, 352, 20, px.data()},
         null{PIXEL_FORMAT_RGB_1555, 352, 20, nullptr};
     EXPECT_EQ(HI_MPI_RGN_SetBitMap(64, &big), rgn_err(HI_ERR_ILLEGAL_PARAM));
     EXPECT_EQ(HI_MPI_RGN_SetBitMap(64, &fmt), rgn_err(HI_ERR_ILLEGAL_PARAM));

@@ -33,6 +33,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cmath>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -41,6 +42,7 @@
 #include <optional>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "master/master.h"
 #include "master/play.h"
@@ -80,6 +82,8 @@ struct cli {
     bool cameras_given = false;
     std::string from;
     int skip_show = 0;
+    int md_threshold = 10;
+    std::vector<tmaster::mask_plan> masks;
 };
 
 int usage(const char* why)
@@ -101,6 +105,8 @@ int usage(const char* why)
                  "  --cameras C     record: cameras per slave, chip k with cameras C(k-1).. (default 8)\n"
                  "  --out DIR       record: the folder for the .h264 files and summary.json\n"
                  "  --first-key-wait S  record: how long streams may take to begin (default 60)\n"
+                 "  --md-threshold T  record: every camera's motion threshold, 0..256, -1 not set (default 10)\n"
+                 "  --mask CAM:x,y,w,h  record: a privacy mask on a camera, in fractions of the picture (repeatable)\n"
                  "       tarvo-master layout --slave <binary> --board <dir> --png <file> [--cells 1|4|9|16]\n"
                  "                           [--cameras C] [--cam-base B] [--first K] [--narrow] [--zoom x,y,w,h]\n"
                  "                           [--pciv]\n"
@@ -190,6 +196,15 @@ int parse_cli(int argc, char** argv, cli* c)
         } else if (a == "--skip-show") {
             if (!parse_int(v, 1, 240, &c->skip_show))
                 return usage("--skip-show takes 1..240");
+        } else if (a == "--md-threshold") {
+            if (!parse_int(v, -1, 256, &c->md_threshold))
+                return usage("--md-threshold takes -1..256");
+        } else if (a == "--mask") {
+            mask_plan k;
+            if (std::sscanf(v, "%d:%lf,%lf,%lf,%lf", &k.camera, &k.x, &k.y, &k.w, &k.h) != 5 || !std::isfinite(k.x) ||
+                !std::isfinite(k.y) || !std::isfinite(k.w) || !std::isfinite(k.h))
+                return usage("--mask takes CAM:x,y,w,h (fractions of the picture)");
+            c->masks.push_back(k);
         } else if (a == "--port-wait") {
             if (!parse_int(v, 1, 3600, &c->port_wait_s))
                 return usage("--port-wait takes 1..3600");
@@ -399,6 +414,8 @@ int run_record(const cli& c)
     o.board = c.board;
     o.slave = c.slave;
     o.plan.out = c.out;
+    o.plan.md_threshold = c.md_threshold;
+    o.plan.masks = c.masks;
     for (int k = 1; k <= c.slaves; ++k)
         o.plan.slaves.push_back({k, c.cameras * (k - 1), c.cameras, c.cameras});
     o.seconds = c.seconds;

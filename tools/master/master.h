@@ -29,6 +29,7 @@
 #include <deque>
 #include <functional>
 #include <map>
+#include <set>
 #include <mutex>
 #include <optional>
 #include <span>
@@ -180,6 +181,8 @@ public:
     std::optional<int32_t> set_enc_video(int chip, const enc_video_t& v, milliseconds timeout);
     std::optional<int32_t> run_enc_video(int chip, const run_video_t& r, milliseconds timeout);
     std::optional<int32_t> update_enc_video(int chip, const update_video_t& u, milliseconds timeout);
+    std::optional<int32_t> set_md(int chip, const set_md_t& md, milliseconds timeout);
+    std::optional<int32_t> set_privacy(int chip, const set_privacy_t& p, milliseconds timeout);
 
     // Playback: writes bytes into the slave's window 3 and announces them on
     // port 107 as transfer cmd (0x70000 one record, 0x70001 two, the second
@@ -200,6 +203,9 @@ public:
     std::optional<notification> next_notification(milliseconds timeout);
     void hold_acks(bool hold);  // releasing the hold sends what waits
     int release_acks();         // sends every waiting acknowledgement; returns the count
+    // Holds back (or lets go) the answers of one port only, on every slave;
+    // the other ports are answered as before.
+    void hold_acks_on(int port, bool hold);
     size_t pending_acks() const;
 
     std::optional<slave_info> slave(int chip) const;
@@ -277,6 +283,7 @@ private:
     std::deque<pending_ack> acks_;
     std::map<int, std::optional<reply_t>> play_replies_;  // per chip, while a transfer waits
     bool hold_ = false;
+    std::set<int> held_ports_;
     std::deque<notification> queue_;
     std::deque<std::string> notes_;
     uint64_t note_count_ = 0;

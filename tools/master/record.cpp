@@ -1,5 +1,7 @@
 #include "master/record.h"
 
+#include "master/motion.h"
+
 #include <cerrno>
 #include <cstdarg>
 #include <cstring>
@@ -133,6 +135,15 @@ std::vector<std::string> configure_recorder(master& m, const slave_plan& p, cons
         caps.fps = 30.0;
         log.check(m.set_vincaps(chip, caps, timeout), "HSCC_CAL_SetVincaps", cam);
     }
+    for (int c = 0; c < p.cameras && plan.md_threshold >= 0; ++c) {
+        int cam = p.cam_base + c;
+        log.check(m.set_md(chip, {cam, plan.md_threshold}, timeout), "HSCC_CAL_SetMd", cam);
+    }
+    for (const mask_plan& k : plan.masks) {
+        if (k.camera < p.cam_base || k.camera >= p.cam_base + p.cameras)
+            continue;
+        log.check(m.set_privacy(chip, {k.camera, 1, k.x, k.y, k.w, k.h}, timeout), "HSCC_CAL_SetPrivacy", k.camera);
+    }
     for (int c = 0; c < p.cameras; ++c) {
         int cam = p.cam_base + c;
         log.check(m.set_enc_video(chip, enc_video(KIND_REC, cam, plan.rec), timeout), "set-video REC", cam);
@@ -202,7 +213,13 @@ record_summary record(record_options o)
     master m(mo);
     if (m.open() != 0)
         return failed(m.error());
-    m.on_notification([&rec](const notification& n, std::span<const uint8_t> written) { rec.take(n, written); });
+    motion_log motion;
+    if (motion.open(o.plan.out.empty() ? "" : o.plan.out + "/motion.log", &err) != 0)
+        return failed(err);
+    m.on_notification([&rec, &motion](const notification& n, std::span<const uint8_t> written) {
+        rec.take(n, written);
+        motion.take(n);
+    });
 
     std::string setup_error;
     for (const slave_plan& p : o.plan.slaves) {
@@ -280,8 +297,17 @@ record_summary record(record_options o)
     m.end_slaves();
     m.close();  // no notification after this
     rec.finish();
+    motion.close();
 
     record_summary s = rec.summary();
+    s.motion_reports = motion.reports();
+    if (!o.plan.out.empty()) {
+        std::string heat_err;
+        s.motion_maps = motion.write_heat_maps(o.plan.out, &heat_err);
+        s.motion_log = "motion.log";
+        if (!heat_err.empty())
+            s.problems.push_back("motion heat map: " + heat_err);
+    }
     s.seconds = o.seconds;
     s.waited_s = waited;
     if (!setup_error.empty()) {

@@ -616,6 +616,11 @@ std::string summary_json(const record_summary& s)
     j += "  \"problems\": [";
     for (size_t i = 0; i < s.problems.size(); ++i)
         j += (i ? ", " : "") + json_string(s.problems[i]);
+    j += "],\n  \"motion_reports\": " + std::to_string(s.motion_reports) + ",\n";
+    j += "  \"motion_log\": " + json_string(s.motion_log) + ",\n";
+    j += "  \"motion_maps\": [";
+    for (size_t i = 0; i < s.motion_maps.size(); ++i)
+        j += (i ? ", " : "") + json_string(s.motion_maps[i]);
     j += "],\n  \"streams\": [";
     for (size_t i = 0; i < s.streams.size(); ++i) {
         const stream_summary& x = s.streams[i];
@@ -678,6 +683,8 @@ void print_record_summary(FILE* out, const record_summary& s)
         for (const std::string& p : s.problems)
             std::fprintf(out, "     %s\n", p.c_str());
     }
+    std::fprintf(out, "== %llu motion report(s)%s%s; %zu heat map(s)\n", static_cast<unsigned long long>(s.motion_reports),
+                 s.motion_log.empty() ? "" : " in ", s.motion_log.c_str(), s.motion_maps.size());
     std::fprintf(out, "== %llu record buffer(s), %llu network batch(es), %llu violation(s)\n",
                  static_cast<unsigned long long>(s.record_buffers), static_cast<unsigned long long>(s.network_batches),
                  static_cast<unsigned long long>(s.all_violations()));

@@ -70,8 +70,16 @@ struct slave_plan {
     int num_vin = 8;
 };
 
+// A privacy mask the recorder sets: a rectangle in fractions of the picture.
+struct mask_plan {
+    int camera = 0;  // recorder-wide
+    double x = 0, y = 0, w = 0, h = 0;
+};
+
 struct record_plan {
     std::vector<slave_plan> slaves;
+    int md_threshold = 10;         // every camera's motion threshold; -1: not set
+    std::vector<mask_plan> masks;  // set after the cameras' formats
     int sys_fps = 30;  // the update's system frame rate
     stream_setting rec{1920, 1080, 30, 2, 1};
     stream_setting rec_low{704, 576, 15, 2, 1};
@@ -179,6 +187,9 @@ struct record_summary {
     std::vector<stream_summary> streams;
     uint64_t violations = 0;            // of the recorder itself
     std::vector<std::string> problems;  // its own, then nothing of the streams'
+    uint64_t motion_reports = 0;
+    std::string motion_log;               // relative to out; empty when none
+    std::vector<std::string> motion_maps;  // heat maps, relative to out
 
     uint64_t all_violations() const;
     const stream_summary* find(int chip, int camera, stream_type t) const;
