@@ -21,7 +21,7 @@ void payload_put(hsc_msg_t* msg, uint32_t offset, T v)
     std::memcpy(msg->data + offset, &v, sizeof(T));
 }
 
-// ---- payloads of the core's rows and of the rows still to come ----------------
+// ---- payloads of the core's rows ------------------------------------------------
 
 // HSCC_CAL_SetTz: the zone text, NUL-terminated or ending with the payload.
 struct cmd_tz_t {
