@@ -9,8 +9,7 @@
 #   tools/demo.sh <build dir> <board dir> <output dir>
 # DEMO_SLAVES (default 1), DEMO_CAMERAS (default 8) and DEMO_SECONDS
 # (default 30) change the run. The board's encoded scene loops (cache/) are
-# kept from run to run, so only the first run waits for them to be made
-# (about 15 s on an idle 2-core machine; up to 4 minutes are allowed).
+# kept from run to run, so only the first run waits for them to be made.
 set -euo pipefail
 build=$1
 board=$2
@@ -29,7 +28,6 @@ fi
 rm -rf "$out"
 rc=0
 "$master" record --slave "$slave" --board "$board" --out "$out" \
-  --slaves "${DEMO_SLAVES:-1}" --cameras "${DEMO_CAMERAS:-8}" --seconds "${DEMO_SECONDS:-30}" \
-  --first-key-wait 240 || rc=$?
+  --slaves "${DEMO_SLAVES:-1}" --cameras "${DEMO_CAMERAS:-8}" --seconds "${DEMO_SECONDS:-30}" || rc=$?
 "$master" layout --slave "$slave" --board "$board" --png "$out/layout.png" --cells 9 --narrow --pciv || rc=$?
 exit $rc

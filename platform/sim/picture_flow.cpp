@@ -2,7 +2,6 @@
 #include "platform/sim/picture_flow.h"
 
 #include <algorithm>
-#include <utility>
 
 #include "platform/sim/board.h"
 
@@ -59,7 +58,6 @@ sim_flow_source sim_flow_venc_source(const sim_media& m, int32_t venc_chn)
     int32_t vi = vi_of_group(m, grp);
     if (vi < 0 || !m.vi_chn[vi].enabled || !m.vi_dev[vi_dev_of_chn(vi)].enabled)
         return s;
-    s.vi = vi;
     s.input = sim_vi_input_of_dev(vi_dev_of_chn(vi));
     s.camera = sim_cam_base() + s.input;
     s.scene = m.board.camera(s.camera).scene;
@@ -179,31 +177,4 @@ void sim_flow_settle_all(sim_media& m, int64_t now_us)
     for (int32_t c = 0; c < PCIV_MAX_CHN_NUM; ++c)
         if (m.pciv[c].started)
             sim_flow_settle(m, {HI_ID_PCIV, 0, c}, now_us);
-}
-
-std::vector<sim_flow_cover> sim_flow_covers(const sim_media& m, int32_t vi, int w, int h)
-{
-    std::vector<sim_flow_cover> out;
-    if (vi < 0 || vi >= VIU_MAX_CHN_NUM || w <= 0 || h <= 0)
-        return out;
-    const pic_size_t src = m.vi_chn[vi].attr.dest_size;
-    if (src.width == 0 || src.height == 0)
-        return out;
-    std::vector<std::pair<uint32_t, sim_flow_cover>> layered;
-    for (const sim_rgn& g : m.rgn) {
-        if (!g.created || !g.attached || g.attr.type != COVER_RGN || g.chn.mod_id != HI_ID_VI || g.chn.chn_id != vi ||
-            g.chn_attr.show != 1)
-            continue;
-        const rgn_cover_chn_attr_t& c = g.chn_attr.cover;
-        auto sx = [&](int64_t v) { return static_cast<int>(std::clamp<int64_t>(v * w / src.width, 0, w)); };
-        auto sy = [&](int64_t v) { return static_cast<int>(std::clamp<int64_t>(v * h / src.height, 0, h)); };
-        const int x0 = sx(c.x), y0 = sy(c.y), x1 = sx(int64_t{c.x} + c.width), y1 = sy(int64_t{c.y} + c.height);
-        if (x1 > x0 && y1 > y0)
-            layered.push_back({c.layer, {x0, y0, x1 - x0, y1 - y0, c.color}});
-    }
-    std::stable_sort(layered.begin(), layered.end(),
-                     [](const auto& a, const auto& b) { return a.first < b.first; });
-    for (const auto& e : layered)
-        out.push_back(e.second);
-    return out;
 }

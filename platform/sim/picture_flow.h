@@ -8,7 +8,6 @@
 #pragma once
 
 #include <cstdint>
-#include <vector>
 
 #include "platform/sim/media_state.h"
 
@@ -18,7 +17,6 @@
 struct sim_flow_source {
     bool live = false;  // every link is there, running, and the camera delivers
     int input = -1;     // the slave's capture input
-    int vi = -1;        // the capture channel
     int camera = -1;    // recorder-wide
     sim_scene scene = sim_scene::absent;
     double fps = 0;     // pictures per second reaching the encoder group
@@ -33,17 +31,6 @@ sim_flow_source sim_flow_venc_source(const sim_media& m, int32_t venc_chn);
 // The rate at which encoder channel chn produces access units from a source
 // delivering src_fps: its target rate, never more than it receives.
 double sim_flow_venc_fps(const sim_media& m, int32_t venc_chn, double src_fps);
-
-// A solid cover on a picture: its rectangle in the picture's pixels and
-// its colour, 0xRRGGBB.
-struct sim_flow_cover {
-    int x, y, width, height;
-    uint32_t color;
-};
-
-// The shown cover regions of capture channel vi, scaled from the channel's
-// picture to a w × h picture and clipped to it, lowest layer first.
-std::vector<sim_flow_cover> sim_flow_covers(const sim_media& m, int32_t vi, int w, int h);
 
 // Pictures processing group grp has received since it started (0 while
 // stopped or without a live input).

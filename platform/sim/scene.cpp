@@ -106,24 +106,3 @@ bool sim_scene_render(int camera, sim_scene kind, int64_t t_us, const sim_pictur
 {
     return sim_scene_painter(camera, kind, pic.width, pic.height).render(t_us, pic);
 }
-
-void sim_picture_fill(const sim_picture& pic, int x, int y, int w, int h, uint32_t rgb)
-{
-    const int x0 = std::clamp(x, 0, pic.width), y0 = std::clamp(y, 0, pic.height);
-    const int x1 = std::clamp(x + w, x0, pic.width), y1 = std::clamp(y + h, y0, pic.height);
-    if (x1 == x0 || y1 == y0)
-        return;
-    // BT.601, limited range.
-    const int r = static_cast<int>((rgb >> 16) & 0xFF), g = static_cast<int>((rgb >> 8) & 0xFF),
-              b = static_cast<int>(rgb & 0xFF);
-    const auto luma = static_cast<uint8_t>(16 + (66 * r + 129 * g + 25 * b + 128) / 256);
-    const auto cb = static_cast<uint8_t>(128 + (-38 * r - 74 * g + 112 * b + 128) / 256);
-    const auto cr = static_cast<uint8_t>(128 + (112 * r - 94 * g - 18 * b + 128) / 256);
-    for (int row = y0; row < y1; ++row)
-        std::memset(pic.y + static_cast<std::ptrdiff_t>(row) * pic.y_stride + x0, luma, static_cast<size_t>(x1 - x0));
-    for (int row = y0 / 2; row < (y1 + 1) / 2; ++row)
-        for (int col = x0 / 2; col < (x1 + 1) / 2; ++col) {
-            pic.cb[static_cast<std::ptrdiff_t>(row) * pic.c_stride + col * pic.c_step] = cb;
-            pic.cr[static_cast<std::ptrdiff_t>(row) * pic.c_stride + col * pic.c_step] = cr;
-        }
-}

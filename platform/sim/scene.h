@@ -54,8 +54,5 @@ private:
     uint8_t tint_cb_, tint_cr_;
 };
 
-// Fills a rectangle of pic (clipped to it) with one colour, 0xRRGGBB.
-void sim_picture_fill(const sim_picture& pic, int x, int y, int w, int h, uint32_t rgb);
-
 // Renders camera `camera`'s scene once (a painter for one picture).
 bool sim_scene_render(int camera, sim_scene kind, int64_t t_us, const sim_picture& pic);

@@ -18,7 +18,6 @@
 #include <random>
 
 #include "master/master.h"
-#include "master/overlay.h"
 #include "master/record.h"
 #include "master_test_util.h"
 
@@ -337,9 +336,8 @@ TEST_F(master_test, a_recorder_is_set_up_command_by_command_and_a_refusal_is_rep
     EXPECT_EQ(failed[0], "run-video REC LOW camera 9: result -1");
 
     // The time first, the cameras' formats, the streams' settings, the
-    // switches, the JPEG switches, the glyph rows and the overlay, the
-    // update last.
-    ASSERT_EQ(got.size(), 1u + 2 + 6 + 8 + 2 + 20 + 1 + 1);
+    // switches, the update last.
+    ASSERT_EQ(got.size(), 1u + 2 + 6 + 8 + 1);
     EXPECT_EQ(got[0].first, CMD_SET_TIME);
     uint64_t now = static_cast<uint64_t>(std::time(nullptr)) * 1000000;
     EXPECT_NEAR(static_cast<double>(load_at<set_time_t>(got[0].second, 0).usec), static_cast<double>(now), 5e6);
@@ -377,25 +375,6 @@ TEST_F(master_test, a_recorder_is_set_up_command_by_command_and_a_refusal_is_rep
         kinds.push_back(r.kind);
     }
     EXPECT_EQ(kinds, (std::vector<uint32_t>{0, 4, 5, 6, 0, 4, 5, 6}));
-    for (size_t k = 17; k < 19; ++k) {
-        ASSERT_EQ(got[k].first, CMD_RUN_ENC_VIDEO);
-        run_video_t r = load_at<run_video_t>(got[k].second, 0);
-        EXPECT_EQ(r.kind, KIND_JPEG);
-        EXPECT_EQ(r.onoff, 1u);
-    }
-    // The glyph rows, each 512 bytes, with ink in the digit cells.
-    for (uint32_t r = 0; r < 20; ++r) {
-        EXPECT_EQ(got[19 + r].first, CMD_SET_TIME_FONT + r);
-        EXPECT_EQ(got[19 + r].second.size(), 512u);
-    }
-    size_t ink = 0;
-    for (uint32_t r = 0; r < 20; ++r)
-        for (size_t b = 0; b < 32; ++b)  // glyph "0"
-            ink += got[19 + r].second[b] != 0;
-    EXPECT_GT(ink, 20u);
-    ASSERT_EQ(got[39].first, CMD_SET_TIMESTAMP);
-    EXPECT_EQ(load_at<timestamp_t>(got[39].second, 0).on, 1);
-    EXPECT_EQ(got.back().first, CMD_UPDATE_ENC_VIDEO);
     update_video_t u = load_at<update_video_t>(got.back().second, 0);
     EXPECT_EQ(u.sync, 1);
     EXPECT_EQ(u.fps, 30);

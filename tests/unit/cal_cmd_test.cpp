@@ -97,8 +97,14 @@ TEST_F(cal_cmd_test, codes_of_modules_still_to_come_keep_the_loops_trace_and_ans
 {
     stdout_capture out;
     EXPECT_EQ(command(HSCC_CAL_SetMd, words({9, 42})).result(), 0);
+    EXPECT_EQ(command(HSCC_CAL_3531_decstart, words({3, 1})).result(), 0);
+    EXPECT_EQ(command(HSCC_CAL_3531_flush, words({0, 0, 6})).result(), 0);
+    EXPECT_EQ(command(HSCC_CAL_3531_playjpg, words({1})).result(), 0);
+    EXPECT_EQ(command(HSCC_CAL_SetTimeFont + 19, bytes(512, 1)).result(), 0);
     std::string text = out.text();
-    for (const char* line : {"HSCC_CAL_SetMd cam:9 cam_base:8\n"})
+    for (const char* line : {"HSCC_CAL_SetMd cam:9 cam_base:8\n",
+                             "HSCC_CAL_3531_decstart cam:3\n", "HSCC_CAL_3531_flush cam:6\n",
+                             "HSCC_CAL_3531_playjpg on_playjpg:1\n", "cmd:00020393 waits for its module\n"})
         EXPECT_THAT(text, HasSubstr(line));
 }
 

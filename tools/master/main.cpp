@@ -7,8 +7,6 @@
 //   tarvo-master layout --slave <binary> --board <dir> --png <file> [--cells 1|4|9|16]
 //                       [--cameras C] [--cam-base B] [--first K] [--narrow] [--zoom x,y,w,h]
 //                       [--pciv]
-//   tarvo-master play --slave <binary> --board <dir> --from <dir> [--cameras C]
-//                     [--skip-show N]
 //
 // demo starts N slaves, shows each one's announcement and the DMA-info round
 // trips, polls status for S seconds and prints the summary. serve plays
@@ -25,10 +23,6 @@
 // first camera, spot for the second, picture-in-picture on the first
 // sub-capture group) and draws the slave's part of the screen from its
 // media.json as a PNG.
-// (also written to <out>/summary.json). play starts one slave, hands it the
-// main recording streams of chip 1's first C cameras that record wrote under
-// --from as playback records on port 107, and compares the pictures the
-// board decoded with the frames sent.
 #include <signal.h>
 #include <unistd.h>
 
@@ -43,7 +37,6 @@
 #include <thread>
 
 #include "master/master.h"
-#include "master/play.h"
 #include "master/record.h"
 #include "master/screen.h"
 
@@ -78,8 +71,6 @@ struct cli {
     bool pciv = false;
     std::optional<std::array<int, 4>> zoom;
     bool cameras_given = false;
-    std::string from;
-    int skip_show = 0;
 };
 
 int usage(const char* why)
@@ -91,10 +82,6 @@ int usage(const char* why)
                  "       tarvo-master serve --board <dir> [--slave <binary> --slaves N] [--seconds S]\n"
                  "       tarvo-master record --slave <binary> --board <dir> --out <dir> [--slaves N]\n"
                  "                           [--cameras C] [--seconds S] [--first-key-wait S]\n"
-                 "       tarvo-master play --slave <binary> --board <dir> --from <dir> [--cameras C]\n"
-                 "                         [--skip-show N]\n"
-                 "  --from DIR      play: the folder record wrote\n"
-                 "  --skip-show N   play: skip-show mode, every N-th frame marked to be shown\n"
                  "  --slaves N      slaves on chips 1..N, chip k with cameras 8(k-1)..8k-1 (default 1)\n"
                  "  --seconds S     how long to poll status (default 5; serve: 0 runs until interrupted);\n"
                  "                  record: how long to record once every stream has begun (default 30)\n"
@@ -137,8 +124,7 @@ int parse_cli(int argc, char** argv, cli* c)
     if (argc < 2)
         return usage(nullptr);
     c->mode = argv[1];
-    if (c->mode != "demo" && c->mode != "serve" && c->mode != "record" && c->mode != "layout" &&
-        c->mode != "play")
+    if (c->mode != "demo" && c->mode != "serve" && c->mode != "record" && c->mode != "layout")
         return usage(("unknown command \"" + c->mode + "\"").c_str());
     for (int i = 2; i < argc; ++i) {
         std::string a = argv[i];
@@ -185,11 +171,6 @@ int parse_cli(int argc, char** argv, cli* c)
         } else if (a == "--first-key-wait") {
             if (!parse_int(v, 1, 3600, &c->first_key_wait_s))
                 return usage("--first-key-wait takes 1..3600");
-        } else if (a == "--from") {
-            c->from = absolute(v);
-        } else if (a == "--skip-show") {
-            if (!parse_int(v, 1, 240, &c->skip_show))
-                return usage("--skip-show takes 1..240");
         } else if (a == "--port-wait") {
             if (!parse_int(v, 1, 3600, &c->port_wait_s))
                 return usage("--port-wait takes 1..3600");
@@ -217,8 +198,6 @@ int parse_cli(int argc, char** argv, cli* c)
         if (c->first < 0)
             c->first = c->cam_base;
     }
-    if (c->mode == "play" && (c->slave.empty() || c->from.empty()))
-        return usage("play needs --slave and --from");
     if (!c->slave.empty() && access(c->slave.c_str(), X_OK) != 0)
         return usage(("cannot run " + c->slave + ": " + std::strerror(errno)).c_str());
     if (c->slave.empty())
@@ -502,26 +481,6 @@ int run_layout(master& m, const cli& c)
     return 0;
 }
 
-int run_play(const cli& c)
-{
-    play_options o;
-    o.board = c.board;
-    o.slave = c.slave;
-    o.recording = c.from;
-    o.cameras = c.cameras;
-    o.slave_cam = c.cameras;
-    o.num_vin = c.cameras;
-    o.skip_show = c.skip_show > 0 ? 1 : 0;
-    o.show_every = c.skip_show;
-    o.progress = stdout;
-    std::printf("== tarvo-master play on board %s: %d camera(s) from %s\n", c.board.c_str(), c.cameras,
-                c.from.c_str());
-    std::fflush(stdout);
-    play_summary s = play(o);
-    print_play_summary(stdout, s);
-    return s.rc;
-}
-
 }  // namespace
 
 int main(int argc, char** argv)
@@ -538,8 +497,6 @@ int main(int argc, char** argv)
 
     if (c.mode == "record")
         return run_record(c);
-    if (c.mode == "play")
-        return run_play(c);
 
     master_options o;
     o.board = c.board;

@@ -78,11 +78,6 @@ struct record_plan {
     stream_setting net_low{352, 288, 15, 2, 1};
     bool copy = true;  // the recording copy is switched on
     std::string out;   // output folder; empty: no files
-    // The time overlay on REC: the glyph strip is sent and the overlay
-    // switched on with this date order and clock.
-    bool overlay = true;
-    int date_fmt = 0;
-    int hour12 = 0;
 };
 
 // Appends access units to an Annex B file, in the order given.
@@ -203,8 +198,6 @@ public:
     void take(const notification& n, std::span<const uint8_t> written);
     void take_record(int chip, const record_batch& b, std::span<const uint8_t> written, double now_s);
     void take_network(int chip, const network_batch& b, std::span<const uint8_t> written, double now_s);
-    // Keeps every snapshot as <out>/slave<chip>/snap/cam<NN>-<time>.jpg.
-    void take_jpeg(int chip, const jpeg_batch& b, std::span<const uint8_t> written);
     void finish();  // closes the files
 
     struct progress_t {
@@ -237,7 +230,6 @@ private:
     problem_list problems_;
     uint64_t record_buffers_ = 0;
     uint64_t network_batches_ = 0;
-    uint64_t snapshots_kept_ = 0;
     bool write_failed_ = false;
 };
 
