@@ -28,6 +28,7 @@ fi
 rm -rf "$out"
 rc=0
 "$master" record --slave "$slave" --board "$board" --out "$out" \
-  --slaves "${DEMO_SLAVES:-1}" --cameras "${DEMO_CAMERAS:-8}" --seconds "${DEMO_SECONDS:-30}" || rc=$?
+  --slaves "${DEMO_SLAVES:-1}" --cameras "${DEMO_CAMERAS:-8}" --seconds "${DEMO_SECONDS:-30}" \
+  --first-key-wait 240 || rc=$?
 "$master" layout --slave "$slave" --board "$board" --png "$out/layout.png" --cells 9 --narrow --pciv || rc=$?
 exit $rc
