@@ -8,7 +8,8 @@ SUDO := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
 # Host build and tests, the ARM cross build run under qemu-arm, and the
 # libraries of the simulated board.
 APT_PACKAGES := cmake make g++ libgtest-dev libgmock-dev googletest libbenchmark-dev libopenh264-dev \
-                g++-arm-linux-gnueabi qemu-user libpng-dev
+                g++-arm-linux-gnueabi qemu-user \
+                libjpeg62-turbo-dev libfreetype-dev fonts-dejavu-core libpng-dev pkg-config
 
 DEMO_BOARD ?= $(CURDIR)/build/demo-board
 DEMO_OUT ?= $(CURDIR)/build/demo-record

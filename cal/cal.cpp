@@ -12,6 +12,7 @@
 #include "cal/cal_log.h"
 #include "cal/cal_mod.h"
 #include "cal/cal_tx.h"
+#include "dec/cal_dec.h"
 #include "enc/cal_enc.h"
 #include "msg/cal_hsc.h"
 #include "platform/os.h"
@@ -44,10 +45,10 @@ constexpr priority_row k_priority_table[] = {
 
 }  // namespace
 
-// The modules of the process. The decoder joins here with its table.
+// The modules of the process.
 const cal_mod_t* cal_mods[CAL_MOD_COUNT] = {
     /* CAL_MOD_VOUT */ &cal_vout_mod,
-    /* CAL_MOD_DEC */ nullptr,
+    /* CAL_MOD_DEC */ &cal_dec_mod,
     /* CAL_MOD_ENC */ &cal_enc_mod,
     /* CAL_MOD_VIN */ &cal_vin_mod,
 };

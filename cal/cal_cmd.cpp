@@ -21,7 +21,7 @@ void payload_put(hsc_msg_t* msg, uint32_t offset, T v)
     std::memcpy(msg->data + offset, &v, sizeof(T));
 }
 
-// ---- payloads of the core's rows and of the rows still to come ----------------
+// ---- payloads of the core's rows ------------------------------------------------
 
 // HSCC_CAL_SetTz: the zone text, NUL-terminated or ending with the payload.
 struct cmd_tz_t {
@@ -40,38 +40,6 @@ struct cmd_word_t {
     int32_t w0;
 };
 static_assert(sizeof(cmd_word_t) == 4);
-
-// HSCC_CAL_SetMd.
-struct cmd_md_t {
-    int32_t cam;
-    int32_t threshold;
-};
-static_assert(offsetof(cmd_md_t, threshold) == 4);
-static_assert(sizeof(cmd_md_t) == 8);
-
-// HSCC_CAL_SetTimestamp.
-struct cmd_timestamp_t {
-    int32_t on;
-    int32_t date_fmt;
-    int32_t hour12;
-};
-static_assert(sizeof(cmd_timestamp_t) == 12);
-
-// HSCC_CAL_3531_decstart.
-struct cmd_decstart_t {
-    int32_t cam;
-    int32_t arg;
-};
-static_assert(sizeof(cmd_decstart_t) == 8);
-
-// HSCC_CAL_3531_flush.
-struct cmd_flush_t {
-    int32_t w0;
-    int32_t w1;
-    int32_t cam;
-};
-static_assert(offsetof(cmd_flush_t, cam) == 8);
-static_assert(sizeof(cmd_flush_t) == 12);
 
 // A payload the row does not read.
 struct cmd_none_t {};
@@ -136,56 +104,6 @@ constexpr cal_cmd_row_t k_core_rows[] = {
     {HSCC_CAL_SetTime, HSCC_CAL_SetTime, min_len<cmd_time_t>(), true, row_set_time},
 };
 
-// ---- codes of modules still to come -------------------------------------------
-//
-// Until its module joins with a row of its own, such a code gets the trace
-// the loop writes before the handler and is answered 0.
-
-int waiting(const hsc_msg_t* msg)
-{
-    TRACE("cmd:%08x waits for its module\n", msg->cmd);
-    return 0;
-}
-
-int row_waiting(cal_t*, hsc_msg_t* msg)
-{
-    return waiting(msg);
-}
-
-int row_set_md(cal_t* cal, hsc_msg_t* msg)
-{
-    TRACE("HSCC_CAL_SetMd cam:%d cam_base:%d\n", cal_payload<cmd_md_t>(msg).cam, cal->cam_base);
-    return waiting(msg);
-}
-
-int row_dec_start(cal_t*, hsc_msg_t* msg)
-{
-    TRACE("HSCC_CAL_3531_decstart cam:%d\n", cal_payload<cmd_decstart_t>(msg).cam);
-    return waiting(msg);
-}
-
-int row_dec_flush(cal_t*, hsc_msg_t* msg)
-{
-    TRACE("HSCC_CAL_3531_flush cam:%d\n", cal_payload<cmd_flush_t>(msg).cam);
-    return waiting(msg);
-}
-
-int row_play_jpg(cal_t*, hsc_msg_t* msg)
-{
-    TRACE("HSCC_CAL_3531_playjpg on_playjpg:%d\n", cal_payload<cmd_word_t>(msg).w0);
-    return waiting(msg);
-}
-
-constexpr cal_cmd_row_t k_waiting_rows[] = {
-    {HSCC_CAL_SetMd, HSCC_CAL_SetMd, min_len<cmd_md_t>(), true, row_set_md},
-    {HSCC_CAL_SetPrivacy, HSCC_CAL_SetPrivacy, min_len<cmd_none_t>(), true, row_waiting},
-    {HSCC_CAL_SetTimestamp, HSCC_CAL_SetTimestamp, min_len<cmd_timestamp_t>(), true, row_waiting},
-    {HSCC_CAL_SetTimeFont, HSCC_CAL_SetTimeFont_Last, min_len<cmd_none_t>(), true, row_waiting},
-    {HSCC_CAL_3531_decstart, HSCC_CAL_3531_decstart, min_len<cmd_decstart_t>(), true, row_dec_start},
-    {HSCC_CAL_3531_flush, HSCC_CAL_3531_flush, min_len<cmd_flush_t>(), true, row_dec_flush},
-    {HSCC_CAL_3531_playjpg, HSCC_CAL_3531_playjpg, min_len<cmd_word_t>(), true, row_play_jpg},
-};
-
 const cal_cmd_row_t* find_in(std::span<const cal_cmd_row_t> rows, uint32_t code)
 {
     for (const cal_cmd_row_t& row : rows)
@@ -204,7 +122,7 @@ const cal_cmd_row_t* cal_cmd_find_row(const cal_t* cal, uint32_t code)
         if (const cal_mod_t* m = cal_mod_live(cal, static_cast<cal_mod_id>(id)))
             if (const cal_cmd_row_t* row = find_in(m->rows, code))
                 return row;
-    return find_in(k_waiting_rows, code);
+    return nullptr;
 }
 
 int cal_cmd_dispatch(cal_t* cal, hsc_msg_t* msg)

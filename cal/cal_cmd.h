@@ -30,8 +30,8 @@ int cal_cmd_turn(cal_t* cal, hsc_msg_t* msg);
 // goes back to the master (0 for an unknown code).
 int cal_cmd_dispatch(cal_t* cal, hsc_msg_t* msg);
 
-// The row of a code: the core's, a joined module's, or the placeholder of
-// a module still to come; NULL for a code the system does not know.
+// The row of a code: the core's or that of a module in the process; NULL
+// for any other code.
 const cal_cmd_row_t* cal_cmd_find_row(const cal_t* cal, uint32_t code);
 
 // Builds the status reply in msg (HSCC_CAL_GetStatus).

@@ -17,6 +17,7 @@
 #include "cal/cal_buf.h"
 #include "cal/cal_log.h"
 #include "cal/cal_tx.h"
+#include "enc/enc_jpeg.h"
 #include "msg/cal_hsc.h"
 #include "platform/hi_mpi_sys.h"
 #include "platform/hi_mpi_venc.h"
@@ -99,11 +100,54 @@ int row_avcres(cal_t* cal, hsc_msg_t* msg)
     return cal_m_enc_init_avcres(cal, msg);
 }
 
+// HSCC_CAL_SetTimestamp.
+struct enc_timestamp_cmd_t {
+    int32_t on;
+    int32_t date_fmt;  // 1 month/day/year, 2 day/month/year, else year/month/day
+    int32_t hour12;    // 1: 12-hour clock with AM/PM
+};
+static_assert(offsetof(enc_timestamp_cmd_t, hour12) == 8);
+static_assert(sizeof(enc_timestamp_cmd_t) == 12);
+
+// HSCC_CAL_3531_playjpg.
+struct enc_playjpg_cmd_t {
+    int32_t on_playjpg;
+};
+static_assert(sizeof(enc_playjpg_cmd_t) == 4);
+
+int row_set_timestamp(cal_t* cal, hsc_msg_t* msg)
+{
+    auto p = cal_payload<enc_timestamp_cmd_t>(msg);
+    return _enc_set_timestamp(cal, p.on, p.date_fmt, p.hour12);
+}
+
+int row_set_time_font(cal_t* cal, hsc_msg_t* msg)
+{
+    // A glyph row is 512 bytes; what a shorter command did not carry reads
+    // as zeros, never as what lies beyond the message.
+    unsigned char row[CAL_ENC_FONT_BYTES] = {};
+    const size_t n = std::min<size_t>(msg->len, sizeof(row));
+    if (n < sizeof(row))
+        TRACE("cmd:%08x len:%u: glyph row completed with zeros\n", msg->cmd, msg->len);
+    std::memcpy(row, msg->data, n);
+    return _enc_copy_timefont(cal, row, static_cast<int>(msg->cmd - HSCC_CAL_SetTimeFont));
+}
+
+int row_play_jpg(cal_t* cal, hsc_msg_t* msg)
+{
+    const int v = cal_payload<enc_playjpg_cmd_t>(msg).on_playjpg;
+    TRACE("HSCC_CAL_3531_playjpg on_playjpg:%d\n", v);
+    return cal_m_enc_on_playjpg(cal, v);
+}
+
 constexpr cal_cmd_row_t k_rows[] = {
     {HSCC_CAL_SetEncVideo, HSCC_CAL_SetEncVideo, sizeof(enc_set_video_cmd_t), false, row_set_video},
     {HSCC_CAL_RunEncVideo, HSCC_CAL_RunEncVideo, sizeof(enc_run_video_cmd_t), false, row_run_video},
     {HSCC_CAL_UpdatEncVideo, HSCC_CAL_UpdatEncVideo, sizeof(enc_update_cmd_t), false, row_update},
     {HSCC_CAL_3531_avcres, HSCC_CAL_3531_avcres, sizeof(enc_avcres_cmd_t), true, row_avcres},
+    {HSCC_CAL_SetTimestamp, HSCC_CAL_SetTimestamp, sizeof(enc_timestamp_cmd_t), false, row_set_timestamp},
+    {HSCC_CAL_SetTimeFont, HSCC_CAL_SetTimeFont_Last, 0, true, row_set_time_font},
+    {HSCC_CAL_3531_playjpg, HSCC_CAL_3531_playjpg, sizeof(enc_playjpg_cmd_t), true, row_play_jpg},
 };
 
 }  // namespace
@@ -177,8 +221,11 @@ int cal_enc_start(cal_enc_t* enc)
     if (r < 0)
         CAL_FATAL("kel_thread_start for cal_enc_thread failed!!\n");
     kel_thread_wait_stable(enc->thread_enc, 5000);
-    // thread_jpg is started by the snapshots when they join.
-    return r;
+    int j = kel_thread_start(enc->thread_jpg, cal_jpeg_thread, enc);
+    if (j < 0)
+        CAL_FATAL("kel_thread_start for cal_jpeg_thread failed!!\n");
+    kel_thread_wait_stable(enc->thread_jpg, 5000);
+    return r + j;
 }
 
 int cal_enc_stop(cal_enc_t* enc)

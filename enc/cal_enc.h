@@ -192,8 +192,8 @@ extern const cal_mod_t cal_enc_mod;
 
 // NULL when slave_cam (unsigned) is above 32.
 cal_enc_t* cal_enc_new(cal_t* cal);
-// Starts the encoder thread. The JPEG thread object exists but is not
-// started: its work (snapshots) has not joined yet. Sum of the starts.
+// Starts the encoder thread, then the JPEG thread, each waited for until
+// it is stable. Sum of the starts.
 int cal_enc_start(cal_enc_t* enc);
 // Tears down every channel, then stops the threads; sum of the stops.
 int cal_enc_stop(cal_enc_t* enc);
@@ -209,6 +209,10 @@ int cal_m_enc_init_avcres(cal_t* cal, hsc_msg_t* msg);
 // Status reply: the encoder thread's heartbeat at payload offset 48, the
 // JPEG thread's at 52.
 int cal_enc_heart(cal_t* cal, unsigned char* payload);
+
+// HSCC_CAL_3531_playjpg, and the playback path when it stops: on_playjpg
+// of every camera = value. Returns 0.
+int cal_m_enc_on_playjpg(cal_t* cal, int value);
 
 // Input frame rate of slave-local camera ch; 0, or -1 out of range.
 int _enc_set_ref_fps(cal_t* cal, int ch, int fps);
@@ -268,6 +272,35 @@ inline constexpr int ENC_REC_FRAME_MAX = 2074023;   // larger record frames are 
 inline constexpr int ENC_NET_FRAME_MAX = 2096099;   // larger network frames are refused
 inline constexpr int ENC_EBUF_NEED = 0x100000;      // data area of a new record buffer
 inline constexpr int ENC_EBUF_MAX_FRAMES = 479;
+
+// ---- time overlay -------------------------------------------------------------------
+
+inline constexpr int ENC_OSD_HANDLE_BASE = 64;  // region of camera ch: 64 + ch
+inline constexpr int ENC_OSD_WIDTH = 352;       // pixels, 2 bytes each
+inline constexpr int ENC_OSD_HEIGHT = 20;
+inline constexpr int ENC_OSD_X = 20;
+inline constexpr int ENC_OSD_LINE_MAX = 22;     // characters: 352 / 16
+inline constexpr int ENC_GLYPH_BYTES = 32;      // one 16-pixel glyph row
+inline constexpr int ENC_GLYPH_M_BYTES = 36;    // "M" is 18 pixels wide
+inline constexpr uint32_t ENC_OSD_BG_COLOR = 0x7C1F;
+
+// HSCC_CAL_SetTimestamp: stores the three settings; nothing is redrawn or
+// attached until the next update and the next second. Returns 0.
+int _enc_set_timestamp(cal_t* cal, int on, int date_fmt, int hour12);
+// HSCC_CAL_SetTimeFont: 512 bytes of data into glyph row index; 0, or -1
+// when index is not 0 .. 19.
+int _enc_copy_timefont(cal_t* cal, const unsigned char* data, int index);
+// Creates and attaches camera ch's overlay region on its REC group, at the
+// bottom left of a picture height pixels high; 0, or -1 (width unused).
+int _enc_init_osd_insert(cal_t* cal, int ch, int width, int height);
+// Detaches and destroys camera ch's overlay region; returns 0.
+int _enc_exit_osd_insert(cal_t* cal, int ch);
+// Redraws every attached camera's overlay with the local time of secs and
+// hands the pictures to their regions.
+void _draw_enc_osd(cal_enc_t* enc, time_t secs);
+// The overlay's line for a local time: 19 characters, or 22 with AM/PM.
+// out holds at least ENC_OSD_LINE_MAX + 1 bytes. Returns the length.
+int _enc_osd_line(const struct tm* tm, int date_fmt, int hour12, char* out);
 
 struct venc_stream_t;
 

@@ -61,8 +61,8 @@ void pass(cal_enc_t* enc, enc_pass_state& st)
     uint64_t cur = 0;
     HI_MPI_SYS_GetCurPts(&cur);
     if (cur / 1000000 != st.osd_pts / 1000000 && enc->osd_on) {
-        // The time overlay redraws here, once a second, when it joins.
         st.osd_pts = cur;
+        _draw_enc_osd(enc, static_cast<time_t>(cur / 1000000));
     }
 
     const int nchn = 4 * enc->num;

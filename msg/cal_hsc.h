@@ -146,3 +146,14 @@ int cal_hsc_send_nbuf(cal_t* cal, const int* channels, const nbuf_desc_t* descs,
 int cal_hsc_send_jpg(cal_t* cal, const int* channels, const jpg_desc_t* descs, int n, int total);
 // Returns the result of the write.
 int cal_hsc_send_md(cal_t* cal, int cam, const unsigned char* body);
+
+// Playback transfer: waits for the master's request on MSGPORT_DEC (no
+// time limit; timeout is not applied), pulls the announced bytes from its
+// window into local buffer 3, holds the answer back while the decoder is
+// behind, answers with id 0, and gives buffer 3's address in *landing.
+// A request for more than the buffer or naming no window pulls nothing:
+// it is answered with result -1 and *landing is NULL. -1 when no request
+// could be read.
+int cal_hsc_read_dec(cal_t* cal, hsc_msg_t* msg, int timeout, unsigned char** landing);
+// The decoder's count of queued records, for the hold above (dec/).
+int cal_dec_num_dbuf(cal_t* cal);

@@ -9,6 +9,7 @@
 #include "cal/cal_log.h"
 #include "msg/cal_hsc.h"
 #include "platform/hi_mpi_pciv.h"
+#include "platform/os.h"
 
 namespace {
 
@@ -219,4 +220,42 @@ int cal_hsc_send_md(cal_t* cal, int cam, const unsigned char* body)
     hsc_msg_t msg{};
     put_payload(&msg, HSC_MSG_VIN, note);
     return notify(MSGPORT_VIN, &msg);
+}
+
+int cal_hsc_read_dec(cal_t* cal, hsc_msg_t* msg, int, unsigned char** landing)
+{
+    cal_hsc_t* hsc = checked_hsc(cal);
+    *landing = nullptr;
+    pciv_wait_msg(k_master, MSGPORT_DEC, -1);
+    if (pciv_read_msg(k_master, MSGPORT_DEC, msg) != 0)
+        return -1;
+    // What did not arrive reads as zeros.
+    const uint32_t got = msg->len < PCIV_MSG_MAX_PAYLOAD ? msg->len : PCIV_MSG_MAX_PAYLOAD;
+    std::memset(msg->data + got, 0, sizeof(msg->data) - got);
+    uint32_t req[2];
+    std::memcpy(req, msg->data, sizeof(req));
+    const uint32_t bytes = req[0], window = req[1];
+
+    bool pulled = false;
+    if (bytes > HSC_BUF_SIZE || window >= HSC_NUM_BUF) {
+        TRACE("refused.. bytes:%u window:%u\n", bytes, window);
+    } else if (hsc->virt_addr[HSC_BUF_DEC] == nullptr || hsc->phys_addr[HSC_BUF_DEC] == 0 ||
+               hsc->host_phys_addr[window].load() == 0) {
+        TRACE("refused.. window %u not set\n", window);
+    } else {
+        pciv_dma_block_t block{hsc->host_phys_addr[window].load(), hsc->phys_addr[HSC_BUF_DEC], bytes};
+        pciv_dma_task_t task{1, 1, &block};
+        if (int32_t r = HI_MPI_PCIV_DmaTask(&task))
+            TRACE("HI_MPI_PCIV_DmaTask err:%#x\n", static_cast<unsigned>(r));
+        pulled = true;
+    }
+    msg->id = 0;
+    msg->result = pulled ? 0 : -1;
+    // The master is held while the decoder is behind, never for long.
+    for (int i = 0; pulled && i < 100 && cal_dec_num_dbuf(cal) > 2; ++i)
+        os_usleep(10000);
+    pciv_write_msg(k_master, MSGPORT_DEC, msg);
+    if (pulled)
+        *landing = hsc->virt_addr[HSC_BUF_DEC];
+    return 0;
 }

@@ -98,5 +98,8 @@ static_assert(sizeof(vpss_crop_info_t) == 28);
 int32_t HI_MPI_VPSS_GetCropCfg(int32_t grp, vpss_crop_info_t* crop);
 int32_t HI_MPI_VPSS_SetCropCfg(int32_t grp, const vpss_crop_info_t* crop);
 
-// Drops the pictures waiting in the group.
+struct video_frame_info_t;
+// Hands one picture to the group's input, as a bound source would.
+int32_t HI_MPI_VPSS_UserSendFrame(int32_t grp, const video_frame_info_t* frame);
+// Drops the pictures the group holds.
 int32_t HI_MPI_VPSS_ResetGrp(int32_t grp);

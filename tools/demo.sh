@@ -3,9 +3,12 @@
 # starts the slaves, configures every camera's streams as a recorder does
 # (REC 1920x1080 at 30 fps, REC LOW 704x576 at 15, NET LOW 352x288 at 15 and
 # the recording copy), records them once every stream has begun, checks what
-# arrives and writes one playable .h264 file per camera and stream. Then it
-# lays out a screen of nine cells on a slave of four cameras, with a PCI
-# video channel of each kind, and draws that slave's part as layout.png.
+# arrives and writes one playable .h264 file per camera and stream. Camera 1
+# stands still (board.conf) and camera 0 has a privacy mask over part of
+# its picture; every camera's motion reports go to motion.log and one heat
+# map per camera (slave<chip>/cam<NN>-motion.png) shows where things moved.
+# Then it lays out a screen of nine cells on a slave of four cameras, with a
+# PCI video channel of each kind, and draws that slave's part as layout.png.
 #   tools/demo.sh <build dir> <board dir> <output dir>
 # DEMO_SLAVES (default 1), DEMO_CAMERAS (default 8) and DEMO_SECONDS
 # (default 30) change the run. The board's encoded scene loops (cache/) are
@@ -26,9 +29,11 @@ if [ -d "$board" ]; then
   find "$board" -mindepth 1 -maxdepth 1 ! -name cache -exec rm -rf {} +
 fi
 rm -rf "$out"
+mkdir -p "$board"
+printf '# written by make demo\ncamera 1 1920x1080 p 30 still\n' >"$board/board.conf"
 rc=0
 "$master" record --slave "$slave" --board "$board" --out "$out" \
   --slaves "${DEMO_SLAVES:-1}" --cameras "${DEMO_CAMERAS:-8}" --seconds "${DEMO_SECONDS:-30}" \
-  --first-key-wait 240 || rc=$?
+  --md-threshold 10 --mask 0:0.375,0,0.25,1 --first-key-wait 240 || rc=$?
 "$master" layout --slave "$slave" --board "$board" --png "$out/layout.png" --cells 9 --narrow --pciv || rc=$?
 exit $rc

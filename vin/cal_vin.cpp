@@ -44,8 +44,22 @@ int row_set_vincaps(cal_t* cal, hsc_msg_t* msg)
     return _vin_set_caps(cal, cal_local_cam(cal, p.cam), p.xres, p.yres, p.prog, p.fps, p.type);
 }
 
+int row_set_md(cal_t* cal, hsc_msg_t* msg)
+{
+    auto p = cal_payload<vin_set_md_cmd_t>(msg);
+    TRACE("HSCC_CAL_SetMd cam:%d cam_base:%d\n", p.cam, cal->cam_base);
+    return _vin_set_md(cal, cal_local_cam(cal, p.cam), p.md_threshold);
+}
+
+int row_set_privacy(cal_t* cal, hsc_msg_t* msg)
+{
+    return cal_vin_set_privacy(cal, msg);
+}
+
 constexpr cal_cmd_row_t k_rows[] = {
     {HSCC_CAL_SetVincaps, HSCC_CAL_SetVincaps, sizeof(vin_set_caps_cmd_t), false, row_set_vincaps},
+    {HSCC_CAL_SetMd, HSCC_CAL_SetMd, sizeof(vin_set_md_cmd_t), false, row_set_md},
+    {HSCC_CAL_SetPrivacy, HSCC_CAL_SetPrivacy, sizeof(vin_set_privacy_cmd_t), false, row_set_privacy},
 };
 
 }  // namespace
@@ -99,6 +113,9 @@ int cal_vin_start(cal_vin_t* vin)
 {
     CAL_CHECK_OBJ(vin, cal_vin_t, "vin is NULL\n");
     TRACE("enter");
+    if (kel_thread_start(vin->thread, cal_vin_thread, vin) < 0)
+        CAL_FATAL("kel_thread_start for cal_vin_thread failed!!\n");
+    kel_thread_wait_stable(vin->thread, 5000);
     return 0;
 }
 

@@ -15,6 +15,14 @@ struct kel_thread_t;
 inline constexpr int CAL_VIN_MAP_CAMS = 8;
 inline constexpr int CAL_VIN_MAX_CAM = 32;
 
+// Motion detection: results of a 512 x 288 picture in 16 x 16 cells, 32 per
+// row and 18 rows; a bitmap of 32 words, one per row. The thread waits
+// this long after its start before it makes the motion channels.
+inline constexpr uint32_t CAL_VIN_MD_WIDTH = 512;
+inline constexpr uint32_t CAL_VIN_MD_HEIGHT = 288;
+inline constexpr int CAL_VIN_MD_WORDS = 32;
+inline constexpr uint32_t CAL_VIN_MD_DELAY_US = 10000000;
+
 struct cal_vin_t {
     int num;                   // cameras (slave_cam)
     kel_thread_t* thread;      // "cal_vin_thread"
@@ -62,6 +70,30 @@ static_assert(offsetof(vin_set_caps_cmd_t, fps) == 16);
 static_assert(offsetof(vin_set_caps_cmd_t, type) == 28);
 static_assert(sizeof(vin_set_caps_cmd_t) == 32);
 
+// Payload of HSCC_CAL_SetMd.
+struct vin_set_md_cmd_t {
+    int32_t cam;           // recorder-wide camera
+    int32_t md_threshold;  // useful range 0 .. 256
+};
+static_assert(offsetof(vin_set_md_cmd_t, md_threshold) == 4);
+static_assert(sizeof(vin_set_md_cmd_t) == 8);
+
+// Payload of HSCC_CAL_SetPrivacy: the rectangle in fractions of the picture.
+struct vin_set_privacy_cmd_t {
+    int32_t cam;   // recorder-wide camera
+    int32_t show;  // traced only
+    double x;      // left edge, fraction of the width
+    double y;      // top edge, fraction of the height
+    double w;
+    double h;
+};
+static_assert(offsetof(vin_set_privacy_cmd_t, show) == 4);
+static_assert(offsetof(vin_set_privacy_cmd_t, x) == 8);
+static_assert(offsetof(vin_set_privacy_cmd_t, y) == 16);
+static_assert(offsetof(vin_set_privacy_cmd_t, w) == 24);
+static_assert(offsetof(vin_set_privacy_cmd_t, h) == 32);
+static_assert(sizeof(vin_set_privacy_cmd_t) == 40);
+
 // The module's table: its command rows and its life.
 extern const cal_mod_t cal_vin_mod;
 
@@ -69,8 +101,7 @@ extern const cal_mod_t cal_vin_mod;
 cal_vin_t* cal_vin_new(cal_t* cal);
 // Stops a running thread and frees the module.
 void cal_vin_delete(cal_vin_t* vin);
-// Returns 0. The thread's work (motion detection) has not joined yet, so
-// no thread is started: an idle thread would only cost a stack.
+// Starts cal_vin_thread and waits (up to 5 s) until it reports stable; 0.
 int cal_vin_start(cal_vin_t* vin);
 // The result of stopping the thread.
 int cal_vin_stop(cal_vin_t* vin);
@@ -95,3 +126,68 @@ int _vin_vloss_one(cal_t* cal, int cam);
 // capture set-up (0); -1 for a camera outside 0 .. num-1 or a frame rate
 // that is not a finite number, with nothing changed.
 int _vin_set_caps(cal_t* cal, int cam, int xres, int yres, int prog, double fps, int type);
+
+// ---- motion detection ----------------------------------------------------------
+
+// The capture channel motion detection and privacy masks address for camera
+// c: where the bring-up put it for the cameras the channel map covers
+// (0 .. 7, and fewer than slave_cam), 4 x c beyond the map. With eight
+// cameras this is cal_cam_to_vi_chn; with fewer it keeps every camera on
+// the channels it is captured on.
+int cal_vin_cam_chn(cal_t* cal, int c);
+
+// Handler of HSCC_CAL_SetMd with the slave-local camera: stores the
+// threshold (the next result uses it); 0. A camera outside 0 .. num-1 is
+// logged "cam is out of range!!" and refused with -1, nothing stored.
+int _vin_set_md(cal_t* cal, int cam, int md_threshold);
+
+// Creates, binds and starts every camera's motion channel and takes its
+// descriptor. 0, or the platform error of the first failed step (that
+// camera and the ones after it get no channel, and their descriptors are
+// -1 so that they are not waited on). A camera whose descriptor cannot be
+// had ends the set-up the same way with 0.
+int _init_md(cal_vin_t* vin);
+// Stops, unbinds and destroys every camera's motion channel, each step
+// traced when it fails; 0. vda_fd keeps its values.
+int _exit_md(cal_vin_t* vin);
+
+// The module's worker thread: waits 10 s, makes the motion channels, then
+// sends one report per result of every camera on MSGPORT_VIN, each waiting
+// for the master's answer, until asked to stop; 0.
+int cal_vin_thread(void* arg);
+
+// One wait of the thread: up to 20 ms for any camera's result, then every
+// camera's waiting result in camera order (read, reported, given back). 1
+// when results were there, 0 after a wait that saw none, -1 when the wait
+// failed and the channels were made again.
+int _vin_md_pass(cal_vin_t* vin);
+
+// The bitmap of one result: bit k of word r set when the value of cell k of
+// row r (at cells + r * stride + k) is at least threshold, for md_col rows
+// of md_row cells; the other words 0.
+void _vin_md_bitmap(const uint8_t* cells, int stride, int md_row, int md_col, int threshold,
+                    uint32_t bitmap[CAL_VIN_MD_WORDS]);
+
+// ---- privacy masks -------------------------------------------------------------
+
+// Every sub capture channel is 640 x 360 as far as masks are concerned.
+inline constexpr int CAL_VIN_SUB_WIDTH = 640;
+inline constexpr int CAL_VIN_SUB_HEIGHT = 360;
+inline constexpr int CAL_VIN_PRIVACY_SUB_OFFSET = 16;
+
+// Region handle of camera c's mask on its main (sub false) or sub capture
+// channel. Main: c. Sub: c + 16 on a slave of up to 16 cameras, c + 32 on
+// a larger one, so that no camera's sub region is another camera's main
+// region (camera 16's main region 16 would otherwise be camera 0's sub
+// region). Handles stay below 64, clear of the time overlay's 64 + c.
+int cal_vin_privacy_handle(const cal_vin_t* vin, int c, bool sub);
+
+// Handler of HSCC_CAL_SetPrivacy (msg: the whole command). Removes camera
+// c's two masks and, for a rectangle of non-zero pixel width and height on
+// each channel, places a new black cover there; every platform failure is
+// traced and the result is 0. A camera outside the slave's range or a
+// rectangle that is not four finite numbers is refused with -1 and changes
+// nothing.
+int cal_vin_set_privacy(cal_t* cal, hsc_msg_t* msg);
+// The same on camera c's sub channel (640 x 360); 0.
+int _m_vin_set_privacy_subch(cal_t* cal, int c, int show, double x, double y, double w, double h);

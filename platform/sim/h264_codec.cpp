@@ -97,6 +97,7 @@ bool encode_all(const sim_loop_key& key, int bps, std::vector<coded_au>* out)
     for (uint32_t i = 0; i < frames; ++i) {
         int64_t t_us = static_cast<int64_t>(i) * 1000000000 / key.mfps;
         painter.render(t_us, pic);
+        sim_cover_paint(key.cover_rects, pic);
         SSourcePicture src{};
         src.iColorFormat = videoFormatI420;
         src.iPicWidth = w;

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "platform/sim/board_conf.h"
+#include "platform/sim/cover_paint.h"
 
 // What a loop depends on.
 struct sim_loop_key {
@@ -27,6 +28,7 @@ struct sim_loop_key {
     uint32_t kbps = 0;
     uint32_t mfps = 0;    // frame rate in 1/1000 frames per second
     uint32_t covers = 0;  // digest of the camera's cover regions, 0 for none
+    std::vector<sim_cover> cover_rects;  // those covers at the loop's picture size
 
     bool operator==(const sim_loop_key&) const = default;
     // The cache file's name.

@@ -15,8 +15,12 @@
 #include "platform/sim/sys_sim.h"
 #include "platform/sim/media_json.h"
 #include "platform/sim/picture_flow.h"
+#include "platform/sim/venc_jpeg.h"
 #include "platform/sim/venc_producer.h"
 #include "platform/sim/venc_ring.h"
+#include "platform/sim/vdec_engine.h"
+#include "platform/sim/vda_motion.h"
+#include "platform/sim/vda_queue.h"
 
 namespace {
 
@@ -41,9 +45,17 @@ void reset(sim_media& m)
     m.vo[VO_CASCADE_DEV].enabled = true;
     m.vo[VO_CASCADE_DEV].layer_enabled = true;
     m.pciv = {};
+    m.vdec = {};
+    for (sim_rgn& r : m.rgn)
+        r = {};
     m.bindings.clear();
     m.mem.clear();
     m.board = {};
+    for (sim_vda_chn& c : m.vda) {
+        if (c.queue)
+            c.queue->close();
+        c = {};
+    }
 }
 
 // What an address may be used as.
@@ -147,7 +159,12 @@ int sim_media_open(std::string* err)
         m->board = std::move(conf);
     }
     // Threads last: they read the core.
+    if (int r = sim_venc_jpeg_open(err))
+        return r;
     if (int r = sim_venc_producer_open(err))
+        return r;
+    sim_vdec_engine_open();
+    if (int r = sim_vda_motion_open(err))
         return r;
     return sim_media_json_open(err);
 }
@@ -156,7 +173,10 @@ void sim_media_close()
 {
     // Threads first: they read the core.
     sim_media_json_close();
+    sim_vda_motion_close();
     sim_venc_producer_close();
+    sim_vdec_engine_close();
+    sim_venc_jpeg_close();
     media_access m;
     reset(*m);
 }
@@ -202,6 +222,12 @@ sim_venc_grp sim_media_venc_grp(int grp)
     return grp >= 0 && grp < VENC_MAX_GRP_NUM ? m->venc_grp[grp] : sim_venc_grp{};
 }
 
+sim_vdec_chn sim_media_vdec_chn(int chn)
+{
+    media_access m(media_access::read);
+    return chn >= 0 && chn < VDEC_MAX_CHN_NUM ? m->vdec[chn] : sim_vdec_chn{};
+}
+
 sim_venc_chn sim_media_venc_chn(int chn)
 {
     media_access m(media_access::read);
@@ -224,6 +250,18 @@ uint64_t sim_media_pictures(const mpp_chn_t& dest)
 {
     media_access m(media_access::read);
     return sim_flow_pictures(*m, dest, sim_media_now_us());
+}
+
+sim_vda_chn sim_media_vda_chn(int chn)
+{
+    media_access m(media_access::read);
+    return chn >= 0 && chn < VDA_MAX_CHN_NUM ? m->vda[chn] : sim_vda_chn{};
+}
+
+sim_rgn sim_media_rgn(int32_t handle)
+{
+    media_access m(media_access::read);
+    return handle >= 0 && handle < RGN_HANDLE_MAX ? m->rgn[handle] : sim_rgn{};
 }
 
 std::vector<sim_binding> sim_media_bindings()

@@ -15,7 +15,10 @@
 
 #include "platform/hi_comm.h"
 #include "platform/hi_mpi_pciv.h"
+#include "platform/hi_mpi_rgn.h"
 #include "platform/hi_mpi_sys.h"
+#include "platform/hi_mpi_vdec.h"
+#include "platform/hi_mpi_vda.h"
 #include "platform/hi_mpi_venc.h"
 #include "platform/hi_mpi_vi.h"
 #include "platform/hi_mpi_vo.h"
@@ -56,6 +59,9 @@ struct sim_vpss_grp {
     vpss_grp_param_t param;
     std::array<sim_vpss_chn, VPSS_MAX_CHN_NUM> chn;
     vpss_crop_info_t crop;  // of the input picture; off when created
+    uint64_t decoded;      // pictures a bound decoder channel delivered
+    uint64_t user_frames;  // pictures handed in by HI_MPI_VPSS_UserSendFrame
+    uint64_t resets;
 };
 
 struct sim_venc_grp {
@@ -97,6 +103,27 @@ struct sim_vo_chn {
     sim_pic_count shown;  // pictures shown while enabled and not paused
 };
 
+// The SEI fields of the last access unit a decoder channel decoded.
+struct sim_vdec_last {
+    bool valid = false;
+    uint32_t camera = 0;
+    uint32_t chn = 0;
+    uint32_t seq = 0;
+};
+
+struct sim_vdec_chn {
+    bool created = false;
+    bool receiving = false;
+    vdec_chn_attr_t attr{};
+    vdec_prtcl_param_t prtcl{};
+    uint64_t pictures = 0;   // decoded
+    uint64_t refused = 0;    // sends refused (not receiving, too long)
+    uint64_t undecoded = 0;  // access units that completed no picture
+    uint32_t width = 0;      // of the last picture
+    uint32_t height = 0;
+    sim_vdec_last last;
+};
+
 struct sim_vo_dev {
     bool enabled = false;
     bool layer_enabled = false;
@@ -110,6 +137,35 @@ struct sim_pciv_chn {
     bool started = false;
     pciv_attr_t attr{};      // as the creator gave it
     sim_pic_count received;  // pictures delivered while started
+};
+
+class sim_vda_queue;
+
+// A motion-detection channel; its results wait in its queue.
+struct sim_vda_chn {
+    bool created = false;
+    bool receiving = false;
+    vda_chn_attr_t attr{};
+    uint32_t session = 0;        // counts the starts of receiving
+    int64_t receiving_us = 0;    // host clock of the last start
+    std::shared_ptr<sim_vda_queue> queue;
+};
+
+// A region: its attributes, where it is attached with which display
+// attributes, and the last bitmap it was given (overlays). bitmap_gen is a
+// board-wide number of the bitmap (0: none yet), so the media state writer
+// knows which files to renew.
+struct sim_rgn {
+    bool created = false;
+    rgn_attr_t attr{};
+    bool attached = false;
+    mpp_chn_t chn{};
+    rgn_chn_attr_t chn_attr{};
+    int32_t bitmap_format = 0;
+    uint32_t bitmap_width = 0;
+    uint32_t bitmap_height = 0;
+    std::vector<uint8_t> bitmap;  // rows of bitmap_width × 2 bytes
+    uint64_t bitmap_gen = 0;
 };
 
 struct sim_binding {
@@ -140,6 +196,9 @@ sim_vo_dev sim_media_vo_dev(int dev);
 sim_pciv_chn sim_media_pciv_chn(int chn);
 // Pictures an output channel or PCI video channel has received so far.
 uint64_t sim_media_pictures(const mpp_chn_t& dest);
+sim_vdec_chn sim_media_vdec_chn(int chn);
+sim_vda_chn sim_media_vda_chn(int chn);
+sim_rgn sim_media_rgn(int32_t handle);
 
 // All bindings, in the order they were made.
 std::vector<sim_binding> sim_media_bindings();

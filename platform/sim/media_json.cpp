@@ -4,17 +4,22 @@
 #include <pthread.h>
 #include <unistd.h>
 
+#include <sys/stat.h>
+
+#include <array>
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
 #include <mutex>
 #include <sstream>
 #include <thread>
+#include <vector>
 
 #include "platform/sim/board.h"
 #include "platform/sim/media_state.h"
 #include "platform/sim/picture_flow.h"
 #include "platform/sim/venc_producer.h"
+#include "platform/sim/vda_queue.h"
 #include "platform/sim/venc_ring.h"
 
 namespace {
@@ -81,6 +86,48 @@ void render_vout(std::ostringstream& o, const sim_media& m, int64_t now_us)
     o << "]";
 }
 
+// The file under the chip's directory that holds region h's last bitmap.
+std::string rgn_file(int32_t h)
+{
+    return "rgn/" + std::to_string(h) + ".raw";
+}
+
+void render_rgn(std::ostringstream& o, const sim_media& m)
+{
+    o << "],\n\"rgn\": [";
+    list rgn(o);
+    for (int32_t h = 0; h < RGN_HANDLE_MAX; ++h) {
+        const sim_rgn& g = m.rgn[h];
+        if (!g.created)
+            continue;
+        const bool overlay = g.attr.type == OVERLAY_RGN;
+        const rgn_chn_attr_t& a = g.chn_attr;
+        rgn.next() << "{\"handle\": " << h << ", \"type\": " << g.attr.type << ", \"attached\": ";
+        if (g.attached)
+            chn_addr(o, g.chn);
+        else
+            o << "null";
+        o << ", \"show\": " << b(g.attached && a.show == 1);
+        if (overlay)
+            o << ", \"x\": " << a.overlay.x << ", \"y\": " << a.overlay.y
+              << ", \"width\": " << g.attr.overlay.size.width << ", \"height\": " << g.attr.overlay.size.height
+              << ", \"color\": " << g.attr.overlay.bg_color << ", \"layer\": " << a.overlay.layer
+              << ", \"pixel_format\": " << g.attr.overlay.pixel_format << ", \"bg_alpha\": " << a.overlay.bg_alpha
+              << ", \"fg_alpha\": " << a.overlay.fg_alpha;
+        else
+            o << ", \"x\": " << a.cover.x << ", \"y\": " << a.cover.y << ", \"width\": " << a.cover.width
+              << ", \"height\": " << a.cover.height << ", \"color\": " << a.cover.color
+              << ", \"layer\": " << a.cover.layer << ", \"pixel_format\": null";
+        o << ", \"bitmap\": ";
+        if (g.bitmap_gen != 0)
+            o << "\"chip" << sim_chip_id() << '/' << rgn_file(h) << "\", \"bitmap_width\": " << g.bitmap_width
+              << ", \"bitmap_height\": " << g.bitmap_height;
+        else
+            o << "null";
+        o << '}';
+    }
+}
+
 std::string render(const sim_media& m, int64_t now_us)
 {
     std::ostringstream o;
@@ -109,7 +156,7 @@ std::string render(const sim_media& m, int64_t now_us)
         const sim_vpss_grp& grp = m.vpss[g];
         if (!grp.created)
             continue;
-        uint64_t pictures = sim_flow_vpss_pictures(m, g, now_us);
+        uint64_t pictures = sim_flow_vpss_pictures(m, g, now_us) + grp.decoded + grp.user_frames;
         vpss.next() << "{\"grp\": " << g << ", \"started\": " << b(grp.started) << ", \"chn\": [";
         bool first = true;
         for (int32_t c = 0; c < VPSS_MAX_CHN_NUM; ++c) {
@@ -121,7 +168,7 @@ std::string render(const sim_media& m, int64_t now_us)
         const vpss_crop_info_t& crop = grp.crop;
         o << "], \"crop\": {\"enable\": " << b(crop.enable != 0) << ", \"x\": " << crop.rect.x
           << ", \"y\": " << crop.rect.y << ", \"width\": " << crop.rect.width << ", \"height\": " << crop.rect.height
-          << "}, \"pictures\": " << pictures << ", \"user_frames\": 0}";
+          << "}, \"pictures\": " << pictures << ", \"user_frames\": " << grp.user_frames << '}';
     }
     o << "],\n\"venc\": [";
     list venc(o);
@@ -142,6 +189,31 @@ std::string render(const sim_media& m, int64_t now_us)
                     << ", \"produced\": " << v.ring->produced() << ", \"dropped\": " << v.ring->dropped()
                     << ", \"producing\": " << b(producing) << '}';
     }
+    o << "],\n\"vdec\": [";
+    list vdec(o);
+    for (int32_t c = 0; c < VDEC_MAX_CHN_NUM; ++c) {
+        const sim_vdec_chn& d = m.vdec[c];
+        if (!d.created)
+            continue;
+        vdec.next() << "{\"chn\": " << c << ", \"receiving\": " << b(d.receiving) << ", \"pictures\": " << d.pictures
+                    << ", \"refused\": " << d.refused << ", \"undecoded\": " << d.undecoded
+                    << ", \"width\": " << d.width << ", \"height\": " << d.height << ", \"last\": ";
+        if (d.last.valid)
+            o << "{\"camera\": " << d.last.camera << ", \"chn\": " << d.last.chn << ", \"seq\": " << d.last.seq << '}';
+        else
+            o << "null";
+        o << '}';
+    }
+    o << "],\n\"vda\": [";
+    list vda(o);
+    for (int32_t c = 0; c < VDA_MAX_CHN_NUM; ++c) {
+        const sim_vda_chn& v = m.vda[c];
+        if (!v.created)
+            continue;
+        vda.next() << "{\"chn\": " << c << ", \"receiving\": " << b(v.receiving)
+                   << ", \"results\": " << v.queue->results() << ", \"dropped\": " << v.queue->dropped() << '}';
+    }
+    render_rgn(o, m);
     o << ']';
     render_vout(o, m, now_us);
     o << "\n}\n";
@@ -161,6 +233,12 @@ void replace_file(const std::string& path, const std::string& text)
         unlink(tmp.c_str());
 }
 
+// A region's bitmap, taken from the core to be written out.
+struct rgn_bitmap {
+    int32_t handle;
+    std::string pixels;
+};
+
 class json_writer {
 public:
     void start()
@@ -168,6 +246,7 @@ public:
         path_ = sim_chip_path("media.json");
         stop_ = false;
         last_.clear();
+        written_gen_.fill(0);
         thread_ = std::thread([this] { run(); });
     }
 
@@ -198,10 +277,14 @@ private:
             if (gen != seen || now - written >= k_refresh) {
                 seen = gen;
                 std::string text;
+                std::vector<rgn_bitmap> bitmaps;
                 {
                     media_access m(media_access::read);
                     text = render(*m, sim_media_now_us());
+                    take_bitmaps(*m, &bitmaps);
                 }
+                // The bitmaps first: media.json never names a file not there.
+                write_bitmaps(bitmaps);
                 if (text != last_) {
                     replace_file(path_, text);
                     last_ = std::move(text);
@@ -213,8 +296,29 @@ private:
         }
     }
 
+    void take_bitmaps(const sim_media& m, std::vector<rgn_bitmap>* out)
+    {
+        for (int32_t h = 0; h < RGN_HANDLE_MAX; ++h) {
+            const sim_rgn& g = m.rgn[h];
+            if (!g.created || g.bitmap_gen == 0 || g.bitmap_gen == written_gen_[h])
+                continue;
+            written_gen_[h] = g.bitmap_gen;
+            out->push_back({h, std::string(g.bitmap.begin(), g.bitmap.end())});
+        }
+    }
+
+    static void write_bitmaps(const std::vector<rgn_bitmap>& bitmaps)
+    {
+        if (bitmaps.empty())
+            return;
+        mkdir(sim_chip_path("rgn").c_str(), 0755);
+        for (const rgn_bitmap& bm : bitmaps)
+            replace_file(sim_chip_path(rgn_file(bm.handle)), bm.pixels);
+    }
+
     std::string path_;
     std::string last_;
+    std::array<uint64_t, RGN_HANDLE_MAX> written_gen_{};
     std::mutex mutex_;
     std::condition_variable cv_;
     bool stop_ = false;

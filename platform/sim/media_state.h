@@ -17,9 +17,12 @@ struct sim_media {
     std::array<sim_venc_chn, VENC_MAX_CHN_NUM> venc_chn;
     std::array<sim_vo_dev, VO_MAX_DEV_NUM> vo;
     std::array<sim_pciv_chn, PCIV_MAX_CHN_NUM> pciv;
+    std::array<sim_vdec_chn, VDEC_MAX_CHN_NUM> vdec;
+    std::array<sim_rgn, RGN_HANDLE_MAX> rgn;
     std::vector<sim_binding> bindings;  // at most one per destination
     std::vector<sim_mem_conf> mem;      // at most one per channel address
     sim_board_conf board;
+    std::array<sim_vda_chn, VDA_MAX_CHN_NUM> vda;
 };
 
 // The core, locked for as long as the object lives. Operations take it once,

@@ -2,6 +2,7 @@
 #include "platform/sim/picture_flow.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "platform/sim/board.h"
 
@@ -58,6 +59,7 @@ sim_flow_source sim_flow_venc_source(const sim_media& m, int32_t venc_chn)
     int32_t vi = vi_of_group(m, grp);
     if (vi < 0 || !m.vi_chn[vi].enabled || !m.vi_dev[vi_dev_of_chn(vi)].enabled)
         return s;
+    s.vi = vi;
     s.input = sim_vi_input_of_dev(vi_dev_of_chn(vi));
     s.camera = sim_cam_base() + s.input;
     s.scene = m.board.camera(s.camera).scene;
@@ -177,4 +179,45 @@ void sim_flow_settle_all(sim_media& m, int64_t now_us)
     for (int32_t c = 0; c < PCIV_MAX_CHN_NUM; ++c)
         if (m.pciv[c].started)
             sim_flow_settle(m, {HI_ID_PCIV, 0, c}, now_us);
+}
+
+sim_flow_vda_source sim_flow_vda_source_of(const sim_media& m, int32_t vda_chn)
+{
+    sim_flow_vda_source s;
+    if (vda_chn < 0 || vda_chn >= VDA_MAX_CHN_NUM)
+        return s;
+    const sim_binding* b = source_of(m, {HI_ID_VDA, 0, vda_chn});
+    if (b == nullptr || b->src.mod_id != HI_ID_VI || b->src.chn_id < 0 || b->src.chn_id >= VIU_MAX_CHN_NUM)
+        return s;
+    const int32_t vi = b->src.chn_id;
+    if (!m.vi_chn[vi].enabled || !m.vi_dev[vi_dev_of_chn(vi)].enabled)
+        return s;
+    s.vi = vi;
+    s.camera = sim_cam_base() + sim_vi_input_of_dev(vi_dev_of_chn(vi));
+    s.scene = m.board.camera(s.camera).scene;
+    s.fps = sim_flow_vi_fps(m, vi);
+    s.since_us = m.vi_chn[vi].enabled_us;
+    s.live = s.fps > 0;
+    return s;
+}
+
+std::vector<sim_cover> sim_flow_vi_covers(const sim_media& m, int32_t chn)
+{
+    std::vector<sim_cover> out;
+    const mpp_chn_t vi{HI_ID_VI, 0, chn};
+    for (const sim_rgn& r : m.rgn) {
+        if (!r.created || !r.attached || r.attr.type != COVER_RGN || !sim_same_chn(r.chn, vi) || r.chn_attr.show == 0)
+            continue;
+        const rgn_cover_chn_attr_t& c = r.chn_attr.cover;
+        out.push_back({c.x, c.y, static_cast<int>(c.width), static_cast<int>(c.height), c.color,
+                       static_cast<int>(c.layer)});
+    }
+    return out;
+}
+
+pic_size_t sim_flow_vi_size(const sim_media& m, int32_t chn)
+{
+    if (chn < 0 || chn >= VIU_MAX_CHN_NUM)
+        return {0, 0};
+    return m.vi_chn[chn].attr.dest_size;
 }

@@ -8,7 +8,9 @@
 #pragma once
 
 #include <cstdint>
+#include <vector>
 
+#include "platform/sim/cover_paint.h"
 #include "platform/sim/media_state.h"
 
 // The live source of an encoder channel, followed back through the
@@ -17,6 +19,7 @@
 struct sim_flow_source {
     bool live = false;  // every link is there, running, and the camera delivers
     int input = -1;     // the slave's capture input
+    int32_t vi = -1;    // the capture channel
     int camera = -1;    // recorder-wide
     sim_scene scene = sim_scene::absent;
     double fps = 0;     // pictures per second reaching the encoder group
@@ -60,3 +63,19 @@ void sim_flow_settle(sim_media& m, const mpp_chn_t& dest, int64_t now_us);
 // upstream of them (a binding, a group or capture channel switched) that
 // may change what they receive.
 void sim_flow_settle_all(sim_media& m, int64_t now_us);
+
+// The source of a motion-detection channel: the capture channel bound to it.
+struct sim_flow_vda_source {
+    bool live = false;  // bound to an enabled capture channel whose camera delivers
+    int32_t vi = -1;    // the capture channel
+    int camera = -1;    // recorder-wide
+    sim_scene scene = sim_scene::absent;
+    double fps = 0;     // pictures per second it receives
+    int64_t since_us = 0;  // host clock from which the channel delivers
+};
+sim_flow_vda_source sim_flow_vda_source_of(const sim_media& m, int32_t vda_chn);
+
+// The solid covers attached to capture channel chn, in its output pixels,
+// and the channel's output size.
+std::vector<sim_cover> sim_flow_vi_covers(const sim_media& m, int32_t chn);
+pic_size_t sim_flow_vi_size(const sim_media& m, int32_t chn);

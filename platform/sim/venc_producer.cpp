@@ -38,7 +38,7 @@ struct key_less {
     bool operator()(const sim_loop_key& a, const sim_loop_key& b) const
     {
         auto tie = [](const sim_loop_key& k) {
-            return std::tie(k.camera, k.scene, k.width, k.height, k.gop, k.kbps, k.mfps, k.covers);
+            return std::tie(k.camera, k.scene, k.width, k.height, k.gop, k.kbps, k.mfps, k.covers, k.cover_rects);
         };
         return tie(a) < tie(b);
     }
@@ -269,6 +269,12 @@ private:
             key.gop = c.attr.rc.gop;
             key.kbps = c.attr.rc.bit_rate;
             key.mfps = static_cast<uint32_t>(std::lround(fps * 1000));
+            // The covers of the capture channel, as the encoded picture shows them.
+            const std::vector<sim_cover> covers = sim_flow_vi_covers(*m, src.vi);
+            const pic_size_t vi_size = sim_flow_vi_size(*m, src.vi);
+            const int vw = static_cast<int>(vi_size.width), vh = static_cast<int>(vi_size.height);
+            key.covers = sim_cover_digest(covers, vw, vh, static_cast<int>(key.width), static_cast<int>(key.height));
+            key.cover_rects = sim_cover_scaled(covers, vw, vh, static_cast<int>(key.width), static_cast<int>(key.height));
             if (!(key == p.key) || p.loop == nullptr) {
                 // A new configuration keeps the old loop playing until its own
                 // is ready, then starts it from its first (IDR) picture.

@@ -1,6 +1,7 @@
 // Simulated processing groups. A group exists from creation to destruction
 // and must be stopped before it is destroyed; its output channels need
 // attributes before they are enabled.
+#include "platform/hi_mpi_vdec.h"
 #include "platform/hi_mpi_vpss.h"
 #include "platform/sim/fault.h"
 #include "platform/sim/media_state.h"
@@ -241,8 +242,23 @@ int32_t HI_MPI_VPSS_SetCropCfg(int32_t grp, const vpss_crop_info_t* crop)
     });
 }
 
+int32_t HI_MPI_VPSS_UserSendFrame(int32_t grp, const video_frame_info_t* frame)
+{
+    int32_t err = frame == nullptr ? hi_err(k_mod, HI_ERR_NULL_PTR) : 0;
+    return on_group(SIM_OP_HI_MPI_VPSS_UserSendFrame, grp, k_no_chn, err, [frame](sim_vpss_grp& g) {
+        if (!g.started)
+            return hi_err(k_mod, HI_ERR_NOT_PERM);
+        if (frame->width > g.attr.max_width || frame->height > g.attr.max_height)
+            return hi_err(k_mod, HI_ERR_ILLEGAL_PARAM);
+        ++g.user_frames;
+        return 0;
+    });
+}
+
 int32_t HI_MPI_VPSS_ResetGrp(int32_t grp)
 {
-    // No picture waits in a simulated group: it passes each one on as it comes.
-    return on_group(SIM_OP_HI_MPI_VPSS_ResetGrp, grp, k_no_chn, 0, [](sim_vpss_grp&) { return 0; });
+    return on_group(SIM_OP_HI_MPI_VPSS_ResetGrp, grp, k_no_chn, 0, [](sim_vpss_grp& g) {
+        ++g.resets;
+        return 0;
+    });
 }

@@ -18,6 +18,7 @@
 #include <random>
 
 #include "master/master.h"
+#include "master/overlay.h"
 #include "master/record.h"
 #include "master_test_util.h"
 
@@ -315,6 +316,7 @@ TEST_F(master_test, a_recorder_is_set_up_command_by_command_and_a_refusal_is_rep
 {
     connect_slave();
     record_plan plan;
+    plan.md_threshold = -1;  // motion is the next test's
     slave_plan sp{1, 8, 2, 8};
     auto done = std::async(std::launch::async, [&] { return configure_recorder(*m_, sp, plan, WAIT); });
     std::vector<std::pair<uint32_t, std::vector<uint8_t>>> got;
@@ -336,8 +338,9 @@ TEST_F(master_test, a_recorder_is_set_up_command_by_command_and_a_refusal_is_rep
     EXPECT_EQ(failed[0], "run-video REC LOW camera 9: result -1");
 
     // The time first, the cameras' formats, the streams' settings, the
-    // switches, the update last.
-    ASSERT_EQ(got.size(), 1u + 2 + 6 + 8 + 1);
+    // switches, the JPEG switches, the glyph rows and the overlay, the
+    // update last.
+    ASSERT_EQ(got.size(), 1u + 2 + 6 + 8 + 2 + 20 + 1 + 1);
     EXPECT_EQ(got[0].first, CMD_SET_TIME);
     uint64_t now = static_cast<uint64_t>(std::time(nullptr)) * 1000000;
     EXPECT_NEAR(static_cast<double>(load_at<set_time_t>(got[0].second, 0).usec), static_cast<double>(now), 5e6);
@@ -375,10 +378,63 @@ TEST_F(master_test, a_recorder_is_set_up_command_by_command_and_a_refusal_is_rep
         kinds.push_back(r.kind);
     }
     EXPECT_EQ(kinds, (std::vector<uint32_t>{0, 4, 5, 6, 0, 4, 5, 6}));
+    for (size_t k = 17; k < 19; ++k) {
+        ASSERT_EQ(got[k].first, CMD_RUN_ENC_VIDEO);
+        run_video_t r = load_at<run_video_t>(got[k].second, 0);
+        EXPECT_EQ(r.kind, KIND_JPEG);
+        EXPECT_EQ(r.onoff, 1u);
+    }
+    // The glyph rows, each 512 bytes, with ink in the digit cells.
+    for (uint32_t r = 0; r < 20; ++r) {
+        EXPECT_EQ(got[19 + r].first, CMD_SET_TIME_FONT + r);
+        EXPECT_EQ(got[19 + r].second.size(), 512u);
+    }
+    size_t ink = 0;
+    for (uint32_t r = 0; r < 20; ++r)
+        for (size_t b = 0; b < 32; ++b)  // glyph "0"
+            ink += got[19 + r].second[b] != 0;
+    EXPECT_GT(ink, 20u);
+    ASSERT_EQ(got[39].first, CMD_SET_TIMESTAMP);
+    EXPECT_EQ(load_at<timestamp_t>(got[39].second, 0).on, 1);
+    EXPECT_EQ(got.back().first, CMD_UPDATE_ENC_VIDEO);
     update_video_t u = load_at<update_video_t>(got.back().second, 0);
     EXPECT_EQ(u.sync, 1);
     EXPECT_EQ(u.fps, 30);
     EXPECT_NEAR(static_cast<double>(u.t), static_cast<double>(now), 5e6);
+}
+
+TEST_F(master_test, a_recorder_sets_every_cameras_threshold_and_the_masks_of_its_own_cameras)
+{
+    connect_slave();
+    record_plan plan;
+    plan.md_threshold = 10;
+    plan.masks = {{9, 0.5, 0.25, 0.25, 0.5}, {3, 0, 0, 1, 1}};  // camera 3 is another slave's
+    slave_plan sp{1, 8, 2, 8};
+    auto done = std::async(std::launch::async, [&] { return configure_recorder(*m_, sp, plan, WAIT); });
+    std::vector<std::pair<uint32_t, std::vector<uint8_t>>> got;
+    const fake_port& cal = port(PORT_CAL);
+    while (got.empty() || got.back().first != CMD_UPDATE_ENC_VIDEO) {
+        std::vector<uint8_t> req = cal.recv();
+        ASSERT_GE(req.size(), MSG_HEAD_SIZE);
+        msg_head_t h = load_prefix<msg_head_t>(req);
+        got.emplace_back(h.cmd, std::vector<uint8_t>(req.begin() + MSG_HEAD_SIZE, req.end()));
+        ASSERT_TRUE(cal.send(req));
+    }
+    EXPECT_TRUE(done.get().empty());
+    // After the formats: a threshold per camera, then the one mask.
+    ASSERT_GE(got.size(), 6u);
+    for (int k : {3, 4}) {
+        ASSERT_EQ(got[k].first, CMD_SET_MD);
+        set_md_t md = load_at<set_md_t>(got[k].second, 0);
+        EXPECT_EQ(md.cam, 8 + k - 3);
+        EXPECT_EQ(md.threshold, 10);
+    }
+    ASSERT_EQ(got[5].first, CMD_SET_PRIVACY);
+    set_privacy_t p = load_at<set_privacy_t>(got[5].second, 0);
+    EXPECT_EQ(p.cam, 9);
+    EXPECT_EQ(p.x, 0.5);
+    EXPECT_EQ(p.h, 0.5);
+    EXPECT_EQ(got[6].first, CMD_SET_ENC_VIDEO);
 }
 
 TEST_F(master_test, a_recorder_as_the_notification_callback_writes_what_a_slave_sends)

@@ -186,10 +186,12 @@ TEST_F(cal_mod_test, status_clock_and_rows_reach_only_the_modules_that_exist)
 TEST_F(cal_mod_test, the_real_modules_live_and_go_through_their_tables)
 {
     // Every row of a joined module is the one the loop finds for its codes.
+    // Only the font rows take any length: what a short one lacks reads as 0.
     for (const cal_mod_t* m : saved_)
         if (m != nullptr)
             for (const cal_cmd_row_t& row : m->rows) {
-                EXPECT_GT(row.min_len, 0u) << m->name << " " << std::hex << row.code;
+                EXPECT_TRUE(row.min_len > 0u || row.code == HSCC_CAL_SetTimeFont) << m->name << " " << std::hex
+                                                                                   << row.code;
                 EXPECT_NE(row.run, nullptr);
             }
     make_core();
@@ -202,9 +204,12 @@ TEST_F(cal_mod_test, the_real_modules_live_and_go_through_their_tables)
 
     EXPECT_EQ(cal_start(cal_), 0);
     EXPECT_EQ(kel_thread_running(cal_->enc->thread_enc), 1);
-    EXPECT_EQ(kel_thread_running(cal_->enc->thread_jpg), 0);
+    EXPECT_EQ(kel_thread_running(cal_->enc->thread_jpg), 1);
+    EXPECT_EQ(kel_thread_running(cal_->vin->thread), 1);
+    // The motion thread is still in its first 10 s: its stop ends by
+    // cancelling it, which the stop's sum reports.
+    EXPECT_EQ(stop_core(), 1);
     EXPECT_EQ(kel_thread_running(cal_->vin->thread), 0);
-    EXPECT_EQ(stop_core(), 0);
     EXPECT_EQ(kel_thread_running(cal_->enc->thread_enc), 0);
     cal_delete(cal_);
     cal_ = nullptr;

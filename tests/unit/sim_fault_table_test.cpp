@@ -19,8 +19,10 @@
 
 #include "cal/cal.h"
 #include "platform/hi_mpi_pciv.h"
+#include "platform/hi_mpi_rgn.h"
 #include "platform/hi_mpi_sys.h"
 #include "platform/hi_mpi_vdec.h"
+#include "platform/hi_mpi_vda.h"
 #include "platform/hi_mpi_venc.h"
 #include "platform/hi_mpi_vi.h"
 #include "platform/hi_mpi_vo.h"
@@ -99,6 +101,40 @@ pciv_attr_t pciv_attr(uint32_t w, uint32_t h)
     a.remote_obj = {0, 1};
     return a;
 }
+
+constexpr vdec_chn_attr_t k_vdec{PT_H264_DEC, 1920 * 1080, 1, 1920, 1080, 3, VIDEO_MODE_FRAME, 0};
+constexpr vdec_prtcl_param_t k_prtcl{100, 21, 22, 1920 * 1080, 1};
+constexpr vda_chn_attr_t md_attr()
+{
+    vda_chn_attr_t a{};
+    a.vda_alg = VDA_ALG_REF;
+    a.mb_size = VDA_MB_16PIXEL;
+    a.rslt_num = 8;
+    a.vda_intvl = 15;
+    a.width = 512;
+    a.height = 288;
+    return a;
+}
+
+rgn_attr_t rgn_attr(int32_t type)
+{
+    rgn_attr_t a{};
+    a.type = type;
+    if (type == OVERLAY_RGN)
+        a.overlay = {PIXEL_FORMAT_RGB_1555, 0x7C1F, {352, 20}};
+    return a;
+}
+
+rgn_chn_attr_t cover_chn(int32_t x)
+{
+    rgn_chn_attr_t a{};
+    a.show = 1;
+    a.type = COVER_RGN;
+    a.cover = {x, 8, 64, 32, 0, 1, {}};
+    return a;
+}
+
+constexpr mpp_chn_t k_rgn_grp{HI_ID_GROUP, 2, 0};
 
 struct tx_note {
     long type;
@@ -213,6 +249,10 @@ const std::map<std::string_view, row>& rows()
         {"HI_MPI_VPSS_SetChnAttr", {fails_as::code, [](s&) { return HI_MPI_VPSS_SetChnAttr(0, 1, &k_vpss_chn); }}},
         {"HI_MPI_VPSS_EnableChn", {fails_as::code, [](s&) { return HI_MPI_VPSS_EnableChn(2, 0); }}},
         {"HI_MPI_VPSS_DisableChn", {fails_as::code, [](s&) { return HI_MPI_VPSS_DisableChn(0, 0); }}},
+        {"HI_MPI_VPSS_UserSendFrame", {fails_as::code, [](s&) {
+             video_frame_info_t f{64, 64, PIXEL_FORMAT_YUV_SEMIPLANAR_420, 0, 1, 0};
+             return HI_MPI_VPSS_UserSendFrame(0, &f); }}},
+        {"HI_MPI_VPSS_ResetGrp", {fails_as::code, [](s&) { return HI_MPI_VPSS_ResetGrp(0); }}},
 
         // encoder groups and channels
         {"HI_MPI_VENC_CreateGroup", {fails_as::code, [](s&) { return HI_MPI_VENC_CreateGroup(1); }}},
@@ -277,18 +317,65 @@ const std::map<std::string_view, row>& rows()
         {"HI_MPI_PCIV_Start", {fails_as::code, [](s&) { return HI_MPI_PCIV_Start(2); }}},
         {"HI_MPI_PCIV_Stop", {fails_as::code, [](s&) { return HI_MPI_PCIV_Stop(1); }}},
 
-        // processing groups: crop and reset
+        // processing groups: crop
         {"HI_MPI_VPSS_GetCropCfg",
          {fails_as::code, [](s&) { vpss_crop_info_t c{}; return HI_MPI_VPSS_GetCropCfg(0, &c); }}},
         {"HI_MPI_VPSS_SetCropCfg", {fails_as::code, [](s&) {
              vpss_crop_info_t c{1, VPSS_CROP_ABS_COOR, {100, 50, 640, 360}, 0};
              return HI_MPI_VPSS_SetCropCfg(0, &c); }}},
-        {"HI_MPI_VPSS_ResetGrp", {fails_as::code, [](s&) { return HI_MPI_VPSS_ResetGrp(0); }}},
 
-        // decoder channels: intake and reset
-        {"HI_MPI_VDEC_StartRecvStream", {fails_as::code, [](s&) { return HI_MPI_VDEC_StartRecvStream(0); }}},
+
+        // decoder channels: 0 receiving, 1 created
+        {"HI_MPI_VDEC_CreateChn", {fails_as::code, [](s&) { return HI_MPI_VDEC_CreateChn(2, &k_vdec); }}},
+        {"HI_MPI_VDEC_DestroyChn", {fails_as::code, [](s&) { return HI_MPI_VDEC_DestroyChn(1); }}},
+        {"HI_MPI_VDEC_GetPrtclParam",
+         {fails_as::code, [](s&) { vdec_prtcl_param_t p{}; return HI_MPI_VDEC_GetPrtclParam(0, &p); }}},
+        {"HI_MPI_VDEC_SetPrtclParam",
+         {fails_as::code, [](s&) { return HI_MPI_VDEC_SetPrtclParam(1, &k_prtcl); }}},
+        {"HI_MPI_VDEC_StartRecvStream", {fails_as::code, [](s&) { return HI_MPI_VDEC_StartRecvStream(1); }}},
         {"HI_MPI_VDEC_StopRecvStream", {fails_as::code, [](s&) { return HI_MPI_VDEC_StopRecvStream(0); }}},
-        {"HI_MPI_VDEC_ResetChn", {fails_as::code, [](s&) { return HI_MPI_VDEC_ResetChn(0); }}},
+        {"HI_MPI_VDEC_ResetChn", {fails_as::code, [](s&) { return HI_MPI_VDEC_ResetChn(1); }}},
+        {"HI_MPI_VDEC_SendStream", {fails_as::code, [](s&) {
+             static const uint8_t au[8] = {0, 0, 0, 1, 0x65, 0x88, 0x80, 0x40};
+             vdec_stream_t st{au, sizeof(au), 0};
+             return HI_MPI_VDEC_SendStream(0, &st, 0); }}},
+        {"HI_MPI_VDEC_GetImage",
+         {fails_as::code, [](s&) { video_frame_info_t f{}; return HI_MPI_VDEC_GetImage(0, &f, 0); }}},
+        {"HI_MPI_VDEC_ReleaseImage",
+         {fails_as::code, [](s&) { video_frame_info_t f{}; return HI_MPI_VDEC_ReleaseImage(0, &f); }}},
+        // motion detection
+        {"HI_MPI_VDA_CreateChn", {fails_as::code, [](s&) {
+             vda_chn_attr_t a = md_attr();
+             return HI_MPI_VDA_CreateChn(2, &a); }}},
+        {"HI_MPI_VDA_DestroyChn", {fails_as::code, [](s&) { return HI_MPI_VDA_DestroyChn(1); }}},
+        {"HI_MPI_VDA_StartRecvPic", {fails_as::code, [](s&) { return HI_MPI_VDA_StartRecvPic(1); }}},
+        {"HI_MPI_VDA_StopRecvPic", {fails_as::code, [](s&) { return HI_MPI_VDA_StopRecvPic(0); }}},
+        {"HI_MPI_VDA_GetFd", {fails_as::code, [](s&) { return HI_MPI_VDA_GetFd(0); }}},
+        {"HI_MPI_VDA_GetData", {fails_as::code, [](s&) {
+             vda_data_t d{};
+             return HI_MPI_VDA_GetData(0, &d, false); }}},
+        {"HI_MPI_VDA_ReleaseData", {fails_as::code, [](s&) {
+             vda_data_t d{};
+             return HI_MPI_VDA_ReleaseData(0, &d); }}},
+
+        // regions
+        {"HI_MPI_RGN_Create", {fails_as::code, [](s&) {
+             rgn_attr_t a = rgn_attr(COVER_RGN);
+             return HI_MPI_RGN_Create(5, &a); }}},
+        {"HI_MPI_RGN_Destroy", {fails_as::code, [](s&) { return HI_MPI_RGN_Destroy(1); }}},
+        {"HI_MPI_RGN_AttachToChn", {fails_as::code, [](s&) {
+             rgn_chn_attr_t a = cover_chn(16);
+             return HI_MPI_RGN_AttachToChn(1, &k_vi1, &a); }}},
+        {"HI_MPI_RGN_DetachFrmChn", {fails_as::code, [](s&) { return HI_MPI_RGN_DetachFrmChn(3, &k_vi0); }}},
+        {"HI_MPI_RGN_SetDisplayAttr", {fails_as::code, [](s&) {
+             rgn_chn_attr_t a = cover_chn(32);
+             return HI_MPI_RGN_SetDisplayAttr(3, &k_vi0, &a); }}},
+        {"HI_MPI_RGN_GetDisplayAttr",
+         {fails_as::code, [](s&) { rgn_chn_attr_t a{}; return HI_MPI_RGN_GetDisplayAttr(3, &k_vi0, &a); }}},
+        {"HI_MPI_RGN_SetBitMap", {fails_as::code, [](s&) {
+             static const std::vector<uint8_t> px(352 * 20 * 2, 9);
+             bitmap_t bm{PIXEL_FORMAT_RGB_1555, 352, 20, px.data()};
+             return HI_MPI_RGN_SetBitMap(64, &bm); }}},
     };
     return table;
 }
@@ -346,6 +433,22 @@ protected:
         // PCI video channel 1 started, 2 created.
         const pciv_attr_t pciv = pciv_attr(704, 576);
         ASSERT_TRUE(HI_MPI_PCIV_Create(1, &pciv) == 0 && HI_MPI_PCIV_Start(1) == 0 && HI_MPI_PCIV_Create(2, &pciv) == 0);
+        ASSERT_TRUE(HI_MPI_VDEC_CreateChn(0, &k_vdec) == 0 && HI_MPI_VDEC_StartRecvStream(0) == 0 &&
+                    HI_MPI_VDEC_CreateChn(1, &k_vdec) == 0);
+        // Motion channel 0 receiving, 1 created.
+        const vda_chn_attr_t md = md_attr();
+        ASSERT_TRUE(HI_MPI_VDA_CreateChn(0, &md) == 0 && HI_MPI_VDA_StartRecvPic(0) == 0 &&
+                    HI_MPI_VDA_CreateChn(1, &md) == 0);
+        // Regions: cover 1 created apart, cover 3 on capture channel 0,
+        // overlay 64 on encoder group 2.
+        const rgn_attr_t cover = rgn_attr(COVER_RGN), overlay = rgn_attr(OVERLAY_RGN);
+        rgn_chn_attr_t cc = cover_chn(0), oc{};
+        oc.show = 1;
+        oc.type = OVERLAY_RGN;
+        oc.overlay.x = 20;
+        ASSERT_TRUE(HI_MPI_RGN_Create(1, &cover) == 0 && HI_MPI_RGN_Create(3, &cover) == 0 &&
+                    HI_MPI_RGN_AttachToChn(3, &k_vi0, &cc) == 0 && HI_MPI_RGN_Create(64, &overlay) == 0 &&
+                    HI_MPI_RGN_AttachToChn(64, &k_rgn_grp, &oc) == 0);
         ASSERT_EQ(HI_MPI_PCIV_Malloc(8192, 1, &state_.block), 0);
         ASSERT_NE(state_.map = HI_MPI_SYS_Mmap(state_.block, 4096), nullptr);
         ASSERT_GE(state_.mcc_fd = mcc_open(MCC_DEV_NAME, O_RDWR), 0);
@@ -372,7 +475,8 @@ protected:
         }
         for (int g = 0; g < 4; ++g) {
             sim_vpss_grp grp = sim_media_vpss_grp(g);
-            o << "\ngrp " << grp.created << grp.started << " " << grp.param.strength[0];
+            o << "\ngrp " << grp.created << grp.started << " " << grp.param.strength[0] << " " << grp.user_frames
+              << " " << grp.resets;
             for (const sim_vpss_chn& c : grp.chn)
                 o << c.attr_set << c.enabled;
             o << " crop " << grp.crop.enable << grp.crop.rect.x << "," << grp.crop.rect.width;
@@ -389,6 +493,17 @@ protected:
                 o << " kbps " << a.rc.bit_rate;
             if (under_test != "HI_MPI_VENC_GetJpegParam" && HI_MPI_VENC_GetJpegParam(g, &p) == 0)
                 o << " q " << p.qfactor;
+        }
+        for (int c = 0; c < 3; ++c) {
+            sim_vdec_chn d = sim_media_vdec_chn(c);
+            o << "\nvdec " << d.created << d.receiving << " " << d.prtcl.max_slice_num << " " << d.refused;
+        }
+        for (int c = 0; c < 3; ++c)
+            o << "\nvda " << sim_media_vda_chn(c).created << sim_media_vda_chn(c).receiving;
+        for (int h : {1, 3, 5, 64}) {
+            sim_rgn g = sim_media_rgn(h);
+            o << "\nrgn " << h << " " << g.created << g.attached << " " << g.chn.mod_id << "." << g.chn.chn_id << " "
+              << g.chn_attr.cover.x << " " << g.bitmap.size();
         }
         o << "\nvo " << sim_media_vo_dev(0).enabled << sim_media_vo_dev(0).layer_enabled
           << sim_media_vo_dev(0).chn[0].enabled;

@@ -108,6 +108,16 @@ std::optional<int32_t> master::set_vincaps(int chip, const vincaps_t& caps, mill
     return command_result(chip, CMD_SET_VINCAPS, caps, timeout);
 }
 
+std::optional<int32_t> master::set_md(int chip, const set_md_t& md, milliseconds timeout)
+{
+    return command_result(chip, CMD_SET_MD, md, timeout);
+}
+
+std::optional<int32_t> master::set_privacy(int chip, const set_privacy_t& p, milliseconds timeout)
+{
+    return command_result(chip, CMD_SET_PRIVACY, p, timeout);
+}
+
 std::optional<int32_t> master::set_enc_video(int chip, const enc_video_t& v, milliseconds timeout)
 {
     return command_result(chip, CMD_SET_ENC_VIDEO, v, timeout);

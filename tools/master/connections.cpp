@@ -580,6 +580,9 @@ void master::read_port(const ready_fd& r)
     case PORT_ENCJPG:
         on_notification_message(r.chip, r.port, head, payload);
         break;
+    case PORT_DEC:
+        on_play_reply(r.chip, head, payload);
+        break;
     default:
         note("chip %d port %d: unexpected message %#x id %u; no playback transfer was asked for", r.chip,
              r.port, head.cmd, head.id);

@@ -7,6 +7,8 @@
 //   tarvo-master layout --slave <binary> --board <dir> --png <file> [--cells 1|4|9|16]
 //                       [--cameras C] [--cam-base B] [--first K] [--narrow] [--zoom x,y,w,h]
 //                       [--pciv]
+//   tarvo-master play --slave <binary> --board <dir> --from <dir> [--cameras C]
+//                     [--skip-show N]
 //
 // demo starts N slaves, shows each one's announcement and the DMA-info round
 // trips, polls status for S seconds and prints the summary. serve plays
@@ -23,10 +25,15 @@
 // first camera, spot for the second, picture-in-picture on the first
 // sub-capture group) and draws the slave's part of the screen from its
 // media.json as a PNG.
+// (also written to <out>/summary.json). play starts one slave, hands it the
+// main recording streams of chip 1's first C cameras that record wrote under
+// --from as playback records on port 107, and compares the pictures the
+// board decoded with the frames sent.
 #include <signal.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cmath>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -35,8 +42,10 @@
 #include <optional>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "master/master.h"
+#include "master/play.h"
 #include "master/record.h"
 #include "master/screen.h"
 
@@ -71,6 +80,10 @@ struct cli {
     bool pciv = false;
     std::optional<std::array<int, 4>> zoom;
     bool cameras_given = false;
+    std::string from;
+    int skip_show = 0;
+    int md_threshold = 10;
+    std::vector<tmaster::mask_plan> masks;
 };
 
 int usage(const char* why)
@@ -82,12 +95,18 @@ int usage(const char* why)
                  "       tarvo-master serve --board <dir> [--slave <binary> --slaves N] [--seconds S]\n"
                  "       tarvo-master record --slave <binary> --board <dir> --out <dir> [--slaves N]\n"
                  "                           [--cameras C] [--seconds S] [--first-key-wait S]\n"
+                 "       tarvo-master play --slave <binary> --board <dir> --from <dir> [--cameras C]\n"
+                 "                         [--skip-show N]\n"
+                 "  --from DIR      play: the folder record wrote\n"
+                 "  --skip-show N   play: skip-show mode, every N-th frame marked to be shown\n"
                  "  --slaves N      slaves on chips 1..N, chip k with cameras 8(k-1)..8k-1 (default 1)\n"
                  "  --seconds S     how long to poll status (default 5; serve: 0 runs until interrupted);\n"
                  "                  record: how long to record once every stream has begun (default 30)\n"
                  "  --cameras C     record: cameras per slave, chip k with cameras C(k-1).. (default 8)\n"
                  "  --out DIR       record: the folder for the .h264 files and summary.json\n"
                  "  --first-key-wait S  record: how long streams may take to begin (default 60)\n"
+                 "  --md-threshold T  record: every camera's motion threshold, 0..256, -1 not set (default 10)\n"
+                 "  --mask CAM:x,y,w,h  record: a privacy mask on a camera, in fractions of the picture (repeatable)\n"
                  "       tarvo-master layout --slave <binary> --board <dir> --png <file> [--cells 1|4|9|16]\n"
                  "                           [--cameras C] [--cam-base B] [--first K] [--narrow] [--zoom x,y,w,h]\n"
                  "                           [--pciv]\n"
@@ -124,7 +143,8 @@ int parse_cli(int argc, char** argv, cli* c)
     if (argc < 2)
         return usage(nullptr);
     c->mode = argv[1];
-    if (c->mode != "demo" && c->mode != "serve" && c->mode != "record" && c->mode != "layout")
+    if (c->mode != "demo" && c->mode != "serve" && c->mode != "record" && c->mode != "layout" &&
+        c->mode != "play")
         return usage(("unknown command \"" + c->mode + "\"").c_str());
     for (int i = 2; i < argc; ++i) {
         std::string a = argv[i];
@@ -171,6 +191,20 @@ int parse_cli(int argc, char** argv, cli* c)
         } else if (a == "--first-key-wait") {
             if (!parse_int(v, 1, 3600, &c->first_key_wait_s))
                 return usage("--first-key-wait takes 1..3600");
+        } else if (a == "--from") {
+            c->from = absolute(v);
+        } else if (a == "--skip-show") {
+            if (!parse_int(v, 1, 240, &c->skip_show))
+                return usage("--skip-show takes 1..240");
+        } else if (a == "--md-threshold") {
+            if (!parse_int(v, -1, 256, &c->md_threshold))
+                return usage("--md-threshold takes -1..256");
+        } else if (a == "--mask") {
+            mask_plan k;
+            if (std::sscanf(v, "%d:%lf,%lf,%lf,%lf", &k.camera, &k.x, &k.y, &k.w, &k.h) != 5 || !std::isfinite(k.x) ||
+                !std::isfinite(k.y) || !std::isfinite(k.w) || !std::isfinite(k.h))
+                return usage("--mask takes CAM:x,y,w,h (fractions of the picture)");
+            c->masks.push_back(k);
         } else if (a == "--port-wait") {
             if (!parse_int(v, 1, 3600, &c->port_wait_s))
                 return usage("--port-wait takes 1..3600");
@@ -198,6 +232,8 @@ int parse_cli(int argc, char** argv, cli* c)
         if (c->first < 0)
             c->first = c->cam_base;
     }
+    if (c->mode == "play" && (c->slave.empty() || c->from.empty()))
+        return usage("play needs --slave and --from");
     if (!c->slave.empty() && access(c->slave.c_str(), X_OK) != 0)
         return usage(("cannot run " + c->slave + ": " + std::strerror(errno)).c_str());
     if (c->slave.empty())
@@ -378,6 +414,8 @@ int run_record(const cli& c)
     o.board = c.board;
     o.slave = c.slave;
     o.plan.out = c.out;
+    o.plan.md_threshold = c.md_threshold;
+    o.plan.masks = c.masks;
     for (int k = 1; k <= c.slaves; ++k)
         o.plan.slaves.push_back({k, c.cameras * (k - 1), c.cameras, c.cameras});
     o.seconds = c.seconds;
@@ -481,6 +519,26 @@ int run_layout(master& m, const cli& c)
     return 0;
 }
 
+int run_play(const cli& c)
+{
+    play_options o;
+    o.board = c.board;
+    o.slave = c.slave;
+    o.recording = c.from;
+    o.cameras = c.cameras;
+    o.slave_cam = c.cameras;
+    o.num_vin = c.cameras;
+    o.skip_show = c.skip_show > 0 ? 1 : 0;
+    o.show_every = c.skip_show;
+    o.progress = stdout;
+    std::printf("== tarvo-master play on board %s: %d camera(s) from %s\n", c.board.c_str(), c.cameras,
+                c.from.c_str());
+    std::fflush(stdout);
+    play_summary s = play(o);
+    print_play_summary(stdout, s);
+    return s.rc;
+}
+
 }  // namespace
 
 int main(int argc, char** argv)
@@ -497,6 +555,8 @@ int main(int argc, char** argv)
 
     if (c.mode == "record")
         return run_record(c);
+    if (c.mode == "play")
+        return run_play(c);
 
     master_options o;
     o.board = c.board;

@@ -29,6 +29,7 @@
 #include <deque>
 #include <functional>
 #include <map>
+#include <set>
 #include <mutex>
 #include <optional>
 #include <span>
@@ -180,6 +181,15 @@ public:
     std::optional<int32_t> set_enc_video(int chip, const enc_video_t& v, milliseconds timeout);
     std::optional<int32_t> run_enc_video(int chip, const run_video_t& r, milliseconds timeout);
     std::optional<int32_t> update_enc_video(int chip, const update_video_t& u, milliseconds timeout);
+    std::optional<int32_t> set_md(int chip, const set_md_t& md, milliseconds timeout);
+    std::optional<int32_t> set_privacy(int chip, const set_privacy_t& p, milliseconds timeout);
+
+    // Playback: writes bytes into the slave's window 3 and announces them on
+    // port 107 as transfer cmd (0x70000 one record, 0x70001 two, the second
+    // at `second`); returns the slave's answer, or nullopt when none came.
+    // The slave holds its answer while its decoder is behind.
+    std::optional<reply_t> play_transfer(int chip, uint32_t cmd, std::span<const uint8_t> bytes, uint32_t second,
+                                         milliseconds timeout);
 
     // Sends bytes as one packet on a slave's port. 0, or -1.
     int send_raw(int chip, int port, std::span<const uint8_t> bytes);
@@ -193,6 +203,9 @@ public:
     std::optional<notification> next_notification(milliseconds timeout);
     void hold_acks(bool hold);  // releasing the hold sends what waits
     int release_acks();         // sends every waiting acknowledgement; returns the count
+    // Holds back (or lets go) the answers of one port only, on every slave;
+    // the other ports are answered as before.
+    void hold_acks_on(int port, bool hold);
     size_t pending_acks() const;
 
     std::optional<slave_info> slave(int chip) const;
@@ -244,6 +257,7 @@ private:
     void read_port(const ready_fd& r);
     void on_cal_message(int chip, const msg_head_t& head, std::span<const uint8_t> payload);
     void on_notification_message(int chip, int port, const msg_head_t& head, std::span<const uint8_t> payload);
+    void on_play_reply(int chip, const msg_head_t& head, std::span<const uint8_t> payload);
     template <typename T>
     std::optional<int32_t> command_result(int chip, uint32_t cmd, const T& payload, milliseconds timeout);
     int send_locked(int chip, int port, std::span<const uint8_t> bytes);
@@ -267,7 +281,9 @@ private:
     std::map<uint32_t, pending_cmd> cmds_;
     uint32_t next_id_ = 1;
     std::deque<pending_ack> acks_;
+    std::map<int, std::optional<reply_t>> play_replies_;  // per chip, while a transfer waits
     bool hold_ = false;
+    std::set<int> held_ports_;
     std::deque<notification> queue_;
     std::deque<std::string> notes_;
     uint64_t note_count_ = 0;

@@ -32,6 +32,10 @@ int master::flush_acks_locked()
 {
     int sent = 0;
     for (auto it = acks_.begin(); it != acks_.end();) {
+        if (held_ports_.count(it->port) != 0) {
+            ++it;  // that port's answers are held back
+            continue;
+        }
         msg_head_t h = make_head(it->head.id, it->head.cmd, 0);
         if (send_locked(it->chip, it->port, std::span(reinterpret_cast<const uint8_t*>(&h), sizeof(h))) != 0) {
             ++it;  // not connected now: it goes when the port is back
@@ -50,6 +54,17 @@ void master::hold_acks(bool hold)
 {
     std::lock_guard lk(mu_);
     hold_ = hold;
+    if (!hold_)
+        flush_acks_locked();
+}
+
+void master::hold_acks_on(int port, bool hold)
+{
+    std::lock_guard lk(mu_);
+    if (hold)
+        held_ports_.insert(port);
+    else
+        held_ports_.erase(port);
     if (!hold_)
         flush_acks_locked();
 }

@@ -1,12 +1,17 @@
 #include "master/record.h"
 
+#include "master/motion.h"
+
 #include <cerrno>
 #include <cstdarg>
 #include <cstring>
 #include <fstream>
+#include <iterator>
+#include <sstream>
 #include <thread>
 
 #include "master/master.h"
+#include "master/overlay.h"
 
 namespace tmaster {
 
@@ -75,6 +80,31 @@ void progress_line(const record_options& o, const recorder& rec, const char* pha
         static_cast<unsigned long long>(p.violations));
 }
 
+// Each camera's overlay bitmap, read back from the board, as a PNG:
+// <out>/slave<chip>/cam<NN>-overlay.png.
+void save_overlays(const record_options& o, const master& m)
+{
+    for (const slave_plan& p : o.plan.slaves) {
+        std::ifstream in(m.board().path("chip" + std::to_string(p.chip) + "/media.json"));
+        std::stringstream text;
+        text << in.rdbuf();
+        for (const region_bitmap& r : overlay_regions(text.str())) {
+            const int cam = p.cam_base + r.handle - 64;
+            if (r.handle < 64 || r.handle >= 64 + p.cameras)
+                continue;  // not a time overlay
+            std::ifstream raw(m.board().path(r.file), std::ios::binary);
+            std::vector<uint8_t> bytes((std::istreambuf_iterator<char>(raw)), std::istreambuf_iterator<char>());
+            char name[48];
+            std::snprintf(name, sizeof(name), "/slave%d/cam%02d-overlay.png", p.chip, cam);
+            std::string err;
+            if (write_bitmap_png(o.plan.out + name, bytes, r.width, r.height, &err) != 0)
+                say(o, "-- %s\n", err.c_str());
+            else
+                say(o, "-- chip %d camera %d: overlay at %d,%d saved as %s\n", p.chip, cam, r.x, r.y, name + 1);
+        }
+    }
+}
+
 void write_summary_file(record_summary& s)
 {
     if (s.out.empty())
@@ -105,6 +135,15 @@ std::vector<std::string> configure_recorder(master& m, const slave_plan& p, cons
         caps.fps = 30.0;
         log.check(m.set_vincaps(chip, caps, timeout), "HSCC_CAL_SetVincaps", cam);
     }
+    for (int c = 0; c < p.cameras && plan.md_threshold >= 0; ++c) {
+        int cam = p.cam_base + c;
+        log.check(m.set_md(chip, {cam, plan.md_threshold}, timeout), "HSCC_CAL_SetMd", cam);
+    }
+    for (const mask_plan& k : plan.masks) {
+        if (k.camera < p.cam_base || k.camera >= p.cam_base + p.cameras)
+            continue;
+        log.check(m.set_privacy(chip, {k.camera, 1, k.x, k.y, k.w, k.h}, timeout), "HSCC_CAL_SetPrivacy", k.camera);
+    }
     for (int c = 0; c < p.cameras; ++c) {
         int cam = p.cam_base + c;
         log.check(m.set_enc_video(chip, enc_video(KIND_REC, cam, plan.rec), timeout), "set-video REC", cam);
@@ -118,6 +157,28 @@ std::vector<std::string> configure_recorder(master& m, const slave_plan& p, cons
         if (plan.copy)
             log.check(m.run_enc_video(chip, {KIND_COPY, cam, 1, 0}, timeout), "run-video copy", p.cam_base + c);
         log.check(m.run_enc_video(chip, {KIND_REC_LOW, cam, 1, 0}, timeout), "run-video REC LOW", p.cam_base + c);
+    }
+    // Snapshots carry the JPEG switch; the overlay needs its glyphs and the
+    // switch before the update that builds REC.
+    for (int c = 0; c < p.cameras; ++c) {
+        uint32_t cam = static_cast<uint32_t>(p.cam_base + c);
+        log.check(m.run_enc_video(chip, {KIND_JPEG, cam, 1, 0}, timeout), "run-video JPEG", p.cam_base + c);
+    }
+    if (plan.overlay) {
+        std::string err;
+        std::vector<uint8_t> strip = render_time_font(FONT_FILE, &err);
+        if (strip.empty())
+            log.failed.push_back("glyph strip: " + err);
+        for (int r = 0; !strip.empty() && r < FONT_ROWS; ++r) {
+            auto reply = m.command(chip, CMD_SET_TIME_FONT + static_cast<uint32_t>(r),
+                                   std::span<const uint8_t>(strip.data() + r * FONT_ROW_BYTES, FONT_ROW_BYTES),
+                                   timeout);
+            log.check(reply ? std::optional<int32_t>(reply->head.result) : std::nullopt, "HSCC_CAL_SetTimeFont", r);
+        }
+        timestamp_t ts{1, plan.date_fmt, plan.hour12};
+        auto reply = m.command(chip, CMD_SET_TIMESTAMP,
+                               std::span<const uint8_t>(reinterpret_cast<const uint8_t*>(&ts), sizeof(ts)), timeout);
+        log.check(reply ? std::optional<int32_t>(reply->head.result) : std::nullopt, "HSCC_CAL_SetTimestamp", -1);
     }
     update_video_t u{};
     u.sync = 1;
@@ -152,7 +213,13 @@ record_summary record(record_options o)
     master m(mo);
     if (m.open() != 0)
         return failed(m.error());
-    m.on_notification([&rec](const notification& n, std::span<const uint8_t> written) { rec.take(n, written); });
+    motion_log motion;
+    if (motion.open(o.plan.out.empty() ? "" : o.plan.out + "/motion.log", &err) != 0)
+        return failed(err);
+    m.on_notification([&rec, &motion](const notification& n, std::span<const uint8_t> written) {
+        rec.take(n, written);
+        motion.take(n);
+    });
 
     std::string setup_error;
     for (const slave_plan& p : o.plan.slaves) {
@@ -224,12 +291,23 @@ record_summary record(record_options o)
         }
     }
 
+    if (begun && o.plan.overlay && !o.plan.out.empty())
+        save_overlays(o, m);
     say(o, "-- ending the slaves\n");
     m.end_slaves();
     m.close();  // no notification after this
     rec.finish();
+    motion.close();
 
     record_summary s = rec.summary();
+    s.motion_reports = motion.reports();
+    if (!o.plan.out.empty()) {
+        std::string heat_err;
+        s.motion_maps = motion.write_heat_maps(o.plan.out, &heat_err);
+        s.motion_log = "motion.log";
+        if (!heat_err.empty())
+            s.problems.push_back("motion heat map: " + heat_err);
+    }
     s.seconds = o.seconds;
     s.waited_s = waited;
     if (!setup_error.empty()) {

@@ -6,6 +6,7 @@
 #include <cmath>
 #include <cstdarg>
 #include <cstring>
+#include <fstream>
 #include <ctime>
 #include <set>
 
@@ -345,7 +346,7 @@ int recorder::open(std::string* err)
     }
     std::lock_guard lk(mu_);
     for (const slave_plan& p : plan_.slaves) {
-        std::string dir = plan_.out + "/slave" + std::to_string(p.chip);
+        std::string dir = plan_.out + "/slave" + std::to_string(p.chip) + "/snap";
         if (make_dirs(dir) != 0) {
             *err = dir + ": " + std::strerror(errno);
             return -1;
@@ -397,6 +398,35 @@ void recorder::take(const notification& n, std::span<const uint8_t> written)
         take_record(n.chip, *r, written, now);
     else if (const auto* b = std::get_if<network_batch>(&n.parsed))
         take_network(n.chip, *b, written, now);
+    else if (const auto* j = std::get_if<jpeg_batch>(&n.parsed))
+        take_jpeg(n.chip, *j, written);
+}
+
+void recorder::take_jpeg(int chip, const jpeg_batch& b, std::span<const uint8_t> written)
+{
+    if (plan_.out.empty() || b.check.rejected)
+        return;
+    std::lock_guard lk(mu_);
+    const std::string dir = plan_.out + "/slave" + std::to_string(chip) + "/snap/";
+    for (const jpeg_picture& p : b.pictures) {
+        if (static_cast<uint64_t>(p.desc.data) + p.desc.len > written.size())
+            continue;
+        char name[64];
+        std::snprintf(name, sizeof(name), "cam%02u-%u.jpg", p.stream, p.desc.time);
+        std::string path = dir + name;
+        // A second picture of a camera within one second keeps the first.
+        for (int k = 1; std::ifstream(path).good(); ++k) {
+            std::snprintf(name, sizeof(name), "cam%02u-%u-%d.jpg", p.stream, p.desc.time, k);
+            path = dir + name;
+        }
+        std::ofstream f(path, std::ios::binary);
+        f.write(reinterpret_cast<const char*>(written.data() + p.desc.data), p.desc.len);
+        if (!f && !write_failed_) {
+            write_failed_ = true;
+            problems_.add("%s: write failed", path.c_str());
+        }
+        ++snapshots_kept_;
+    }
 }
 
 void recorder::take_record(int chip, const record_batch& b, std::span<const uint8_t> written, double now_s)
@@ -586,6 +616,11 @@ std::string summary_json(const record_summary& s)
     j += "  \"problems\": [";
     for (size_t i = 0; i < s.problems.size(); ++i)
         j += (i ? ", " : "") + json_string(s.problems[i]);
+    j += "],\n  \"motion_reports\": " + std::to_string(s.motion_reports) + ",\n";
+    j += "  \"motion_log\": " + json_string(s.motion_log) + ",\n";
+    j += "  \"motion_maps\": [";
+    for (size_t i = 0; i < s.motion_maps.size(); ++i)
+        j += (i ? ", " : "") + json_string(s.motion_maps[i]);
     j += "],\n  \"streams\": [";
     for (size_t i = 0; i < s.streams.size(); ++i) {
         const stream_summary& x = s.streams[i];
@@ -648,6 +683,8 @@ void print_record_summary(FILE* out, const record_summary& s)
         for (const std::string& p : s.problems)
             std::fprintf(out, "     %s\n", p.c_str());
     }
+    std::fprintf(out, "== %llu motion report(s)%s%s; %zu heat map(s)\n", static_cast<unsigned long long>(s.motion_reports),
+                 s.motion_log.empty() ? "" : " in ", s.motion_log.c_str(), s.motion_maps.size());
     std::fprintf(out, "== %llu record buffer(s), %llu network batch(es), %llu violation(s)\n",
                  static_cast<unsigned long long>(s.record_buffers), static_cast<unsigned long long>(s.network_batches),
                  static_cast<unsigned long long>(s.all_violations()));

@@ -70,14 +70,27 @@ struct slave_plan {
     int num_vin = 8;
 };
 
+// A privacy mask the recorder sets: a rectangle in fractions of the picture.
+struct mask_plan {
+    int camera = 0;  // recorder-wide
+    double x = 0, y = 0, w = 0, h = 0;
+};
+
 struct record_plan {
     std::vector<slave_plan> slaves;
+    int md_threshold = 10;         // every camera's motion threshold; -1: not set
+    std::vector<mask_plan> masks;  // set after the cameras' formats
     int sys_fps = 30;  // the update's system frame rate
     stream_setting rec{1920, 1080, 30, 2, 1};
     stream_setting rec_low{704, 576, 15, 2, 1};
     stream_setting net_low{352, 288, 15, 2, 1};
     bool copy = true;  // the recording copy is switched on
     std::string out;   // output folder; empty: no files
+    // The time overlay on REC: the glyph strip is sent and the overlay
+    // switched on with this date order and clock.
+    bool overlay = true;
+    int date_fmt = 0;
+    int hour12 = 0;
 };
 
 // Appends access units to an Annex B file, in the order given.
@@ -174,6 +187,9 @@ struct record_summary {
     std::vector<stream_summary> streams;
     uint64_t violations = 0;            // of the recorder itself
     std::vector<std::string> problems;  // its own, then nothing of the streams'
+    uint64_t motion_reports = 0;
+    std::string motion_log;               // relative to out; empty when none
+    std::vector<std::string> motion_maps;  // heat maps, relative to out
 
     uint64_t all_violations() const;
     const stream_summary* find(int chip, int camera, stream_type t) const;
@@ -198,6 +214,8 @@ public:
     void take(const notification& n, std::span<const uint8_t> written);
     void take_record(int chip, const record_batch& b, std::span<const uint8_t> written, double now_s);
     void take_network(int chip, const network_batch& b, std::span<const uint8_t> written, double now_s);
+    // Keeps every snapshot as <out>/slave<chip>/snap/cam<NN>-<time>.jpg.
+    void take_jpeg(int chip, const jpeg_batch& b, std::span<const uint8_t> written);
     void finish();  // closes the files
 
     struct progress_t {
@@ -230,6 +248,7 @@ private:
     problem_list problems_;
     uint64_t record_buffers_ = 0;
     uint64_t network_batches_ = 0;
+    uint64_t snapshots_kept_ = 0;
     bool write_failed_ = false;
 };
 

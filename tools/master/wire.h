@@ -85,6 +85,8 @@ inline constexpr uint32_t CMD_SET_TIME = 0x20300;
 inline constexpr uint32_t CMD_SET_ENC_VIDEO = 0x20301;
 inline constexpr uint32_t CMD_RUN_ENC_VIDEO = 0x20302;
 inline constexpr uint32_t CMD_UPDATE_ENC_VIDEO = 0x20308;
+inline constexpr uint32_t CMD_SET_MD = 0x20201;
+inline constexpr uint32_t CMD_SET_PRIVACY = 0x20307;
 
 inline constexpr uint32_t NOTE_RECORD = 0x30000;
 inline constexpr uint32_t NOTE_NETWORK = 0x40000;
@@ -120,6 +122,28 @@ struct set_time_t {
     uint64_t usec;  // microseconds since the epoch
 };
 static_assert(sizeof(set_time_t) == 8);
+
+// HSCC_CAL_SetMd request (8 bytes).
+struct set_md_t {
+    int32_t cam;        // recorder-wide camera number
+    int32_t threshold;  // a cell whose difference is at least this has moved
+};
+static_assert(offsetof(set_md_t, threshold) == 4);
+static_assert(sizeof(set_md_t) == 8);
+
+// HSCC_CAL_SetPrivacy request (40 bytes): a rectangle in fractions of the
+// picture; zero width or height removes the camera's mask.
+struct set_privacy_t {
+    int32_t cam;
+    int32_t show;
+    double x;
+    double y;
+    double w;
+    double h;
+};
+static_assert(offsetof(set_privacy_t, x) == 8);
+static_assert(offsetof(set_privacy_t, h) == 32);
+static_assert(sizeof(set_privacy_t) == 40);
 
 // HSCC_CAL_SetVincaps request (32 bytes).
 struct vincaps_t {
