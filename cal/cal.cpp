@@ -164,6 +164,11 @@ void cal_delete(cal_t* cal)
     TRACE(".. cal:%08x\n", ptr32(cal));
     if (cal == nullptr)
         return;
+    // A transmit or intake thread its stop had to cancel in a wait on the
+    // master is still unwinding: it ends before the channel it reads goes.
+    for (kel_thread_t* t = kel_thread_registry; t != nullptr; t = t->next)
+        if (t->id == 0)
+            kel_thread_wait_gone(t, 1000);
     // No channel exists when slave_cam was above 32.
     if (cal->hsc != nullptr)
         cal_hsc_delete(cal->hsc);

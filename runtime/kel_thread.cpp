@@ -239,6 +239,22 @@ int kel_thread_stop(kel_thread_t* dt, int timeout_ms)
     return r;
 }
 
+int kel_thread_wait_gone(kel_thread_t* dt, int timeout_ms)
+{
+    if (dt == nullptr)
+        return -1;
+    // Only the owner holds a stopped object whose thread has ended; the
+    // acquire pairs with the thread's release as its last act.
+    for (int k = 0; dt->holders.load(std::memory_order_acquire) > 1; ++k) {
+        if (k >= timeout_ms / 10) {
+            TRACE("name:%s still unwinding\n", dt->name);
+            return -1;
+        }
+        os_usleep(10000);
+    }
+    return 0;
+}
+
 void kel_thread_delete(kel_thread_t* dt)
 {
     if (dt == nullptr)

@@ -56,6 +56,11 @@ int kel_thread_heart(kel_thread_t* dt);
 int kel_thread_running(kel_thread_t* dt);
 int kel_thread_notify_stop(kel_thread_t* dt);
 int kel_thread_stop(kel_thread_t* dt, int timeout_ms);
+// A thread its stop had to cancel unwinds on its own after the stop has
+// returned. Waits (10 ms polls, at most timeout_ms) until no such thread
+// still holds the object, so that what it read can be freed: 0 when none
+// does, -1 when one still does at the end of the wait.
+int kel_thread_wait_gone(kel_thread_t* dt, int timeout_ms);
 // Removes the object from the registry (stopping its thread first); the
 // memory goes when a thread that did not stop, cancelled, finally ends.
 void kel_thread_delete(kel_thread_t* dt);

@@ -198,6 +198,24 @@ TEST_F(kel_thread_test, a_deleted_object_outlives_the_cancelled_thread_that_stil
     EXPECT_EQ(j.heart_seen.load(), 1);
 }
 
+TEST_F(kel_thread_test, wait_gone_returns_once_a_cancelled_thread_has_unwound)
+{
+    late_reader_job j;
+    start(j, "late", late_reader);
+    kel_thread_wait_stable(j.dt, 5000);
+    EXPECT_EQ(kel_thread_stop(j.dt, 20), 1);
+    // Cancelled but holding the cancel off: it still holds its object.
+    stdout_capture out;
+    EXPECT_EQ(kel_thread_wait_gone(j.dt, 50), -1);
+    EXPECT_THAT(out.text(), HasSubstr("> name:late still unwinding\n"));
+    j.deleted = true;
+    EXPECT_EQ(kel_thread_wait_gone(j.dt, 20000), 0);
+    // Its last act came before the wait ended.
+    EXPECT_TRUE(j.finished.load());
+    EXPECT_EQ(kel_thread_wait_gone(j.dt, 0), 0);
+    EXPECT_EQ(kel_thread_wait_gone(nullptr, 0), -1);
+}
+
 TEST_F(kel_thread_test, a_thread_that_cannot_be_created_leaves_the_object_stopped)
 {
     // No system maps a stack as large as its whole address space.
