@@ -1,9 +1,6 @@
 // The result buffers of a simulated motion-detection channel.
 #include "platform/sim/vda_queue.h"
 
-#include <sys/eventfd.h>
-#include <unistd.h>
-
 namespace {
 
 // The unit pads every row of cells to a multiple of 16 bytes and leaves 16
@@ -19,28 +16,13 @@ sim_vda_queue::sim_vda_queue(uint32_t buffers, uint32_t cells_w, uint32_t cells_
     : buffers_(buffers),
       cells_w_(cells_w),
       cells_h_(cells_h),
-      stride_(stride_of(cells_w)),
-      fd_(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC))
+      stride_(stride_of(cells_w))
 {
-}
-
-sim_vda_queue::~sim_vda_queue()
-{
-    if (fd_ >= 0)
-        ::close(fd_);
 }
 
 void sim_vda_queue::signal_locked()
 {
-    bool waiting = held_.size() > read_;
-    if (waiting == readable_ || fd_ < 0)
-        return;
-    // The counter is 0 or 1: written when a result comes to wait, drained
-    // when the last waiting one is read.
-    uint64_t v = 1;
-    ssize_t n = waiting ? write(fd_, &v, sizeof v) : read(fd_, &v, sizeof v);
-    (void)n;
-    readable_ = waiting;
+    ready_.set(held_.size() > read_);
 }
 
 bool sim_vda_queue::put(std::vector<uint8_t> cells, uint64_t pts)

@@ -14,17 +14,17 @@
 #include <vector>
 
 #include "platform/hi_mpi_vda.h"
+#include "platform/sim/ready_fd.h"
 
 class sim_vda_queue {
 public:
     // buffers: how many results it holds at once; cells_w x cells_h values
     // per result, in rows of `stride` bytes.
     sim_vda_queue(uint32_t buffers, uint32_t cells_w, uint32_t cells_h);
-    ~sim_vda_queue();
     sim_vda_queue(const sim_vda_queue&) = delete;
     sim_vda_queue& operator=(const sim_vda_queue&) = delete;
 
-    int fd() const { return fd_; }
+    int fd() const { return ready_.fd(); }
     uint32_t cells_w() const { return cells_w_; }
     uint32_t cells_h() const { return cells_h_; }
     uint32_t stride() const { return stride_; }
@@ -59,9 +59,8 @@ private:
     std::deque<result> held_;  // oldest first; [0, read_) are out with the reader
     size_t read_ = 0;
     uint32_t seq_ = 0;
-    bool readable_ = false;
     bool closed_ = false;
-    int fd_ = -1;
+    sim_ready_fd ready_;
     std::atomic<uint64_t> results_{0};
     std::atomic<uint64_t> dropped_{0};
 };

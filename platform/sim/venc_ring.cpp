@@ -1,30 +1,13 @@
 // The stream buffer of a simulated encoder channel.
 #include "platform/sim/venc_ring.h"
 
-#include <sys/eventfd.h>
-#include <unistd.h>
-
 #include <cstring>
 
-sim_venc_ring::sim_venc_ring(uint32_t size) : buf_(size), fd_(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {}
-
-sim_venc_ring::~sim_venc_ring()
-{
-    if (fd_ >= 0)
-        ::close(fd_);
-}
+sim_venc_ring::sim_venc_ring(uint32_t size) : buf_(size) {}
 
 void sim_venc_ring::signal_locked()
 {
-    bool waiting = frames_.size() > read_;
-    if (waiting == readable_ || fd_ < 0)
-        return;
-    uint64_t v = 1;
-    // The descriptor's counter is 0 or 1: written once when a frame comes to
-    // wait, drained when the last waiting frame is read.
-    ssize_t n = waiting ? write(fd_, &v, sizeof v) : read(fd_, &v, sizeof v);
-    (void)n;
-    readable_ = waiting;
+    ready_.set(frames_.size() > read_);
 }
 
 bool sim_venc_ring::put(std::span<const sim_pack_in> packs, uint64_t pts, uint32_t seq)

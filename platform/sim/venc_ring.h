@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "platform/hi_mpi_venc.h"
+#include "platform/sim/ready_fd.h"
 
 // Packs of one frame at most.
 inline constexpr size_t SIM_VENC_MAX_PACKS = 8;
@@ -33,12 +34,11 @@ struct sim_pack_in {
 class sim_venc_ring {
 public:
     explicit sim_venc_ring(uint32_t size);
-    ~sim_venc_ring();
     sim_venc_ring(const sim_venc_ring&) = delete;
     sim_venc_ring& operator=(const sim_venc_ring&) = delete;
 
     // The select descriptor; -1 when none could be made.
-    int fd() const { return fd_; }
+    int fd() const { return ready_.fd(); }
     uint32_t size() const { return static_cast<uint32_t>(buf_.size()); }
 
     // Copies one frame in. false when it has no room (the frame is dropped
@@ -89,9 +89,8 @@ private:
     size_t read_ = 0;            // frames_[0 .. read_) are out with the reader
     uint32_t head_ = 0;          // where the next frame goes
     uint32_t used_ = 0;
-    bool readable_ = false;      // the descriptor holds a count
     bool closed_ = false;
-    int fd_ = -1;
+    sim_ready_fd ready_;
     std::atomic<uint64_t> produced_{0};
     std::atomic<uint64_t> dropped_{0};
 };
