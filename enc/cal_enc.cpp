@@ -483,3 +483,10 @@ void _enc_set_pts(cal_t* cal, uint64_t t)
     }
     enc->last_pts = t;
 }
+
+void cal_enc_raise_max_fd(cal_enc_t* enc, int fd)
+{
+    int cur = enc->max_fd.load(std::memory_order_relaxed);
+    while (fd > cur && !enc->max_fd.compare_exchange_weak(cur, fd, std::memory_order_relaxed))
+        ;
+}

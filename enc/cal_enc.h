@@ -11,6 +11,7 @@
 #include <pthread.h>
 #include <sys/types.h>
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <ctime>
@@ -88,7 +89,9 @@ struct cal_enc_t {
     int fps;          // system frame rate
     int reserved0;
     cal_enc_chn_t chn[CAL_ENC_MAX_CHN];
-    int max_fd;
+    // Raised by the encoder thread's rebuilds and by the JPEG thread,
+    // read by both: see cal_enc_raise_max_fd.
+    std::atomic<int> max_fd;
     kel_thread_t* thread_enc;  // "cal_enc_thread"
     pthread_mutex_t muxex;
     int reserved1;
@@ -218,6 +221,8 @@ int cal_m_enc_on_playjpg(cal_t* cal, int value);
 int _enc_set_ref_fps(cal_t* cal, int ch, int fps);
 // Aligns the media platform's time stamps with t (us since the epoch).
 void _enc_set_pts(cal_t* cal, uint64_t t);
+// Raises max_fd to fd if fd is larger; safe from either thread.
+void cal_enc_raise_max_fd(cal_enc_t* enc, int fd);
 
 // ---- channel building -----------------------------------------------------------
 

@@ -177,7 +177,7 @@ int _process_start(cal_t* cal, int ch, int kind)
     int fd = HI_MPI_VENC_GetFd(v);
     if (fd < 0)
         return -1;
-    enc->max_fd = std::max(enc->max_fd, fd);
+    cal_enc_raise_max_fd(enc, fd);
     enc->chn[v] = {fd, attr.payload_type};
     return 0;
 }

@@ -96,8 +96,7 @@ void make_channel(cal_enc_t* enc, int ch)
     const int fd = HI_MPI_VENC_GetFd(g);
     if (fd < 0)
         return;
-    if (fd > enc->max_fd)
-        enc->max_fd = fd;
+    cal_enc_raise_max_fd(enc, fd);
     enc->chn[g] = {fd, PT_JPEG};
     const mpp_chn_t src{HI_ID_VPSS, ch + 2 * enc->num, 0};
     const mpp_chn_t dest{HI_ID_GROUP, g, 0};
@@ -116,7 +115,8 @@ int take_picture(cal_enc_t* enc, int ch)
     FD_ZERO(&ready);
     FD_SET(fd, &ready);
     struct timeval limit = {0, ENC_JPG_WAIT_MS * 1000};
-    const int nfds = (enc->max_fd >= fd && enc->max_fd < FD_SETSIZE ? enc->max_fd : fd) + 1;
+    const int max_fd = enc->max_fd.load(std::memory_order_relaxed);
+    const int nfds = (max_fd >= fd && max_fd < FD_SETSIZE ? max_fd : fd) + 1;
     if (select(nfds, &ready, nullptr, nullptr, &limit) <= 0 || !FD_ISSET(fd, &ready))
         return 0;
 

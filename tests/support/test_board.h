@@ -28,6 +28,9 @@ public:
     // running at the same time can share it.
     void share_cache() const;
     std::string file(const std::string& rel) const { return path_ + "/" + rel; }
+    // Adds a test failure for every sanitizer report in a slave's console
+    // (chip<k>.console); the destructor calls it.
+    void expect_no_sanitizer_report() const;
 
 private:
     std::string path_;

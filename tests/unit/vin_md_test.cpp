@@ -330,6 +330,13 @@ TEST_F(vin_md_test, a_master_that_does_not_answer_stops_the_threads_beat_and_not
 
 TEST_F(vin_md_test, a_stop_in_the_first_ten_seconds_cancels_the_thread_before_any_channel_exists)
 {
+#if defined(__SANITIZE_THREAD__)
+    // The cancel lands in the thread's sleep; the thread sanitizer loses the
+    // thread's synchronisation when a cancel unwinds out of a blocking call
+    // and then reports the object's release as a race. The other builds run
+    // this.
+    GTEST_SKIP() << "pthread_cancel out of a blocking call is not followed by the thread sanitizer";
+#endif
     const auto t0 = std::chrono::steady_clock::now();
     EXPECT_EQ(cal_vin_start(vin()), 0);
     EXPECT_EQ(kel_thread_running(vin()->thread), 1);
