@@ -267,6 +267,13 @@ int _enc_exit_jpeg_chn(cal_enc_t* enc, int ch);
 int cal_enc_exit_jpeg(cal_t* cal);
 
 inline constexpr int ENC_JPEG_CHN_BASE = 32;
+// On a slave of more than 8 cameras, channel 32 + ch is one of the streams'
+// channels (0 .. 4n - 1): a JPEG channel made or torn down there would take
+// a live stream with it, so such cameras get no snapshots.
+inline bool enc_jpeg_chn_free(const cal_enc_t* enc, int ch)
+{
+    return ENC_JPEG_CHN_BASE + ch >= 4 * enc->num;
+}
 inline constexpr int ENC_REF_MODE = 5;
 inline constexpr int32_t ENC_ERR_GRP_EXIST = static_cast<int32_t>(0xA0078004u);
 

@@ -292,6 +292,8 @@ int _enc_exit_chn(int vchn)
 int _enc_exit_jpeg_chn(cal_enc_t* enc, int ch)
 {
     CAL_CHECK_OBJ(enc, cal_enc_t, "enc is NULL\n");
+    if (!enc_jpeg_chn_free(enc, ch))
+        return 0;
     const int v = ENC_JPEG_CHN_BASE + ch;
     HI_MPI_VENC_StopRecvPic(v);
     undo_chn(v);

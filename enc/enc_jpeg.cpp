@@ -232,7 +232,7 @@ int _enc_unbind_jpeg([[maybe_unused]] cal_enc_t* enc, int ch)
 
 void _enc_jpeg_step(cal_enc_t* enc, int ch, jpg_batch_t* batch)
 {
-    if (_vin_vloss_one(enc->cal, ch) != 0)
+    if (_vin_vloss_one(enc->cal, ch) != 0 || !enc_jpeg_chn_free(enc, ch))
         return;
     make_channel(enc, ch);
     if (const int total = take_picture(enc, ch); total > 0)

@@ -145,6 +145,22 @@ TEST_F(enc_jpeg_test, rec_off_or_no_format_gives_no_picture_and_leaves_nothing)
     EXPECT_EQ(sim_fault_calls(SIM_OP_HI_MPI_VENC_CreateChn), 1u);
 }
 
+TEST_F(enc_jpeg_test, on_a_slave_of_more_than_8_cameras_snapshots_never_touch_a_stream_channel)
+{
+    // With 16 cameras, channels 32 .. 63 carry streams: camera 0's JPEG
+    // channel would be the third kind's channel of camera 0.
+    enc()->num = 16;
+    enc()->chn[ENC_JPEG_CHN_BASE] = {77, 96};
+    EXPECT_TRUE(step(0).empty());
+    EXPECT_EQ(cal_enc_exit_jpeg(&cal_), 0);
+    EXPECT_EQ(enc()->chn[ENC_JPEG_CHN_BASE].fd, 77);
+    EXPECT_EQ(sim_fault_calls(SIM_OP_HI_MPI_VENC_CreateGroup), 0u);
+    EXPECT_EQ(sim_fault_calls(SIM_OP_HI_MPI_VENC_StopRecvPic), 0u);
+    EXPECT_EQ(sim_fault_calls(SIM_OP_HI_MPI_VENC_DestroyChn), 0u);
+    enc()->chn[ENC_JPEG_CHN_BASE] = {-1, 96};
+    enc()->num = 8;
+}
+
 TEST_F(enc_jpeg_test, a_failure_at_any_step_tears_down_and_the_next_camera_goes_on)
 {
     struct fault {
