@@ -16,6 +16,7 @@
 #include "platform/sim/media_state.h"
 #include "platform/sim/picture_flow.h"
 #include "platform/sim/scene.h"
+#include "platform/sim/sim_worker.h"
 #include "platform/sim/sys_sim.h"
 #include "platform/sim/vda_queue.h"
 
@@ -47,20 +48,13 @@ class motion {
 public:
     void start()
     {
-        stop_ = false;
         watches_ = {};
-        thread_ = std::thread([this] { run(); });
+        w_.start([this] { run(); });
     }
 
     void stop()
     {
-        {
-            std::lock_guard lock(mutex_);
-            stop_ = true;
-        }
-        cv_.notify_all();
-        if (thread_.joinable())
-            thread_.join();
+        w_.join();
         watches_ = {};
     }
 
@@ -68,14 +62,14 @@ private:
     void run()
     {
         pthread_setname_np(pthread_self(), "sim_vda");
-        std::unique_lock lock(mutex_);
-        while (!stop_) {
+        std::unique_lock lock(w_.mutex);
+        while (!w_.stop) {
             lock.unlock();
             plan();
             const int64_t wake = produce();
             lock.lock();
-            if (!stop_)
-                cv_.wait_until(lock, std::chrono::steady_clock::time_point(std::chrono::microseconds(wake)));
+            if (!w_.stop)
+                w_.cv.wait_until(lock, std::chrono::steady_clock::time_point(std::chrono::microseconds(wake)));
         }
     }
 
@@ -179,11 +173,8 @@ private:
         return wake;
     }
 
-    std::mutex mutex_;
-    std::condition_variable cv_;
-    bool stop_ = false;
+    sim_worker w_;
     std::array<watch, VDA_MAX_CHN_NUM> watches_;  // the thread's own
-    std::thread thread_;
 };
 
 motion g_motion;

@@ -26,6 +26,7 @@
 #include "platform/sim/h264_sei.h"
 #include "platform/sim/media_state.h"
 #include "platform/sim/picture_flow.h"
+#include "platform/sim/sim_worker.h"
 #include "platform/sim/sys_sim.h"
 #include "platform/sim/venc_ring.h"
 
@@ -57,21 +58,14 @@ public:
     {
         cache_dir_ = std::move(cache_dir);
         on_ready_ = std::move(on_ready);
-        stop_ = false;
         encoded_ = 0;
         cached_ = 0;
-        thread_ = std::thread([this] { run(); });
+        w_.start([this] { run(); });
     }
 
     void stop()
     {
-        {
-            std::lock_guard lock(mutex_);
-            stop_ = true;
-        }
-        cv_.notify_all();
-        if (thread_.joinable())
-            thread_.join();
+        w_.join();
         loops_.clear();
         queue_.clear();
     }
@@ -80,11 +74,11 @@ public:
     // the first time here) or cannot be made.
     std::shared_ptr<const sim_h264_loop> get(const sim_loop_key& key)
     {
-        std::lock_guard lock(mutex_);
+        std::lock_guard lock(w_.mutex);
         auto [it, added] = loops_.try_emplace(key);
         if (added) {
             queue_.push_back(key);
-            cv_.notify_all();
+            w_.cv.notify_all();
         }
         return it->second.loop;
     }
@@ -93,7 +87,7 @@ public:
     // cache directory).
     void keep_only(const std::vector<sim_loop_key>& in_use)
     {
-        std::lock_guard lock(mutex_);
+        std::lock_guard lock(w_.mutex);
         std::erase_if(loops_, [&](const auto& e) {
             return e.second.loop != nullptr && std::find(in_use.begin(), in_use.end(), e.first) == in_use.end();
         });
@@ -108,10 +102,10 @@ private:
         // Encoding is the one costly thing the simulator does: it yields the
         // processor to the slave's own threads (this thread's nice value only).
         setpriority(PRIO_PROCESS, static_cast<id_t>(gettid()), 10);
-        std::unique_lock lock(mutex_);
+        std::unique_lock lock(w_.mutex);
         while (true) {
-            cv_.wait(lock, [this] { return stop_ || !queue_.empty(); });
-            if (stop_)
+            w_.cv.wait(lock, [this] { return w_.stop || !queue_.empty(); });
+            if (w_.stop)
                 return;
             sim_loop_key key = queue_.front();
             queue_.pop_front();
@@ -135,12 +129,9 @@ private:
 
     std::string cache_dir_;
     std::function<void()> on_ready_;
-    std::mutex mutex_;
-    std::condition_variable cv_;
+    sim_worker w_;
     std::map<sim_loop_key, loop_entry, key_less> loops_;
     std::deque<sim_loop_key> queue_;
-    bool stop_ = false;
-    std::thread thread_;
     std::atomic<uint32_t> encoded_{0}, cached_{0};
 };
 
@@ -166,29 +157,22 @@ class producer {
 public:
     void start()
     {
-        stop_ = false;
         changed_ = true;
         seen_gen_ = 0;
         plays_ = {};
         maker_.start(sim_board_path("cache"), [this] {
             {
-                std::lock_guard lock(mutex_);
+                std::lock_guard lock(w_.mutex);
                 changed_ = true;
             }
-            cv_.notify_all();
+            w_.cv.notify_all();
         });
-        thread_ = std::thread([this] { run(); });
+        w_.start([this] { run(); });
     }
 
     void stop()
     {
-        {
-            std::lock_guard lock(mutex_);
-            stop_ = true;
-        }
-        cv_.notify_all();
-        if (thread_.joinable())
-            thread_.join();
+        w_.join();
         maker_.stop();
         plays_ = {};
         for (auto& p : producing_)
@@ -206,8 +190,8 @@ private:
     void run()
     {
         pthread_setname_np(pthread_self(), "sim_venc");
-        std::unique_lock lock(mutex_);
-        while (!stop_) {
+        std::unique_lock lock(w_.mutex);
+        while (!w_.stop) {
             uint64_t gen = sim_media_generation();
             bool replan = changed_ || gen != seen_gen_;
             changed_ = false;
@@ -218,8 +202,8 @@ private:
             }
             int64_t wake = produce();
             lock.lock();
-            if (!stop_ && !changed_)
-                cv_.wait_until(lock, to_time_point(wake));
+            if (!w_.stop && !changed_)
+                w_.cv.wait_until(lock, to_time_point(wake));
         }
     }
 
@@ -346,15 +330,12 @@ private:
         ++p.seq;
     }
 
-    std::mutex mutex_;
-    std::condition_variable cv_;
-    bool stop_ = false;
+    sim_worker w_;
     bool changed_ = true;
     uint64_t seen_gen_ = 0;
     std::array<play, VENC_MAX_CHN_NUM> plays_;  // the producer thread's own
     std::array<std::atomic<bool>, VENC_MAX_CHN_NUM> producing_{};
     loop_maker maker_;
-    std::thread thread_;
 };
 
 producer g_producer;
