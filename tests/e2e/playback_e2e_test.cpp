@@ -129,13 +129,13 @@ TEST_F(playback_e2e_test, stop_and_start_again_decode_from_the_next_key_frame)
     ASSERT_EQ(c.seq, cam0.seq[cut - 1]);
 
     // Stopped: the channel is gone.
-    ASSERT_TRUE(tmaster::play_command(m, 1, tmaster::PLAY_START, 0));
+    ASSERT_EQ(tmaster::play_command(m, 1, tmaster::PLAY_START, 0), 0);
     const auto end = std::chrono::steady_clock::now() + 5s;
     while (media_channel(media, 0).chn == 0 && std::chrono::steady_clock::now() < end)
         std::this_thread::sleep_for(50ms);
     EXPECT_EQ(media_channel(media, 0).chn, -1) << "the decoder channel outlived the stop";
 
-    ASSERT_TRUE(tmaster::play_command(m, 1, tmaster::PLAY_START, 1));
+    ASSERT_EQ(tmaster::play_command(m, 1, tmaster::PLAY_START, 1), 0);
     for (const auto& r : records_of(cam0, 0, 704, 576, cut, n, 8))
         ASSERT_TRUE(m.play_transfer(1, tmaster::PLAY_ONE, r, 0, 10s));
     c = wait_channel(media, 0, n - keys[2], cam0.seq[n - 1], 20s);

@@ -390,19 +390,20 @@ pid_t start_playback(master& m, const play_options& o, std::string* err)
         *err = "HSCC_CAL_SetDmaInfo failed";
         return -1;
     }
-    if (!play_command(m, o.chip, PLAY_START, 1)) {
-        *err = "HSCC_CAL_3531_decstart: no reply";
+    if (play_command(m, o.chip, PLAY_START, 1) != 0) {
+        *err = "HSCC_CAL_3531_decstart: no reply or refused";
         return -1;
     }
     return pid;
 }
 
-bool play_command(master& m, int chip, uint32_t cmd, int32_t word0)
+int play_command(master& m, int chip, uint32_t cmd, int32_t word0)
 {
-    const int32_t payload[2] = {word0, 0};
-    return m.command(chip, cmd, std::span(reinterpret_cast<const uint8_t*>(payload), sizeof(payload)),
-                     milliseconds(5000))
-        .has_value();
+    // Three words: the flush's third one names a camera (0 here).
+    const int32_t payload[3] = {word0, 0, 0};
+    std::optional<reply_t> r = m.command(
+        chip, cmd, std::span(reinterpret_cast<const uint8_t*>(payload), sizeof(payload)), milliseconds(5000));
+    return r ? static_cast<int>(r->head.result) : -1;
 }
 
 play_summary play(const play_options& o)

@@ -146,14 +146,15 @@ struct play_summary {
 
 play_summary play(const play_options& o);
 
-// The master's playback commands (payload word 0; word 1 is 0).
+// The master's playback commands (payload word 0; words 1 and 2 are 0).
 inline constexpr uint32_t PLAY_START = 0x20401;  // HSCC_CAL_3531_decstart: 0 stop, else start
 inline constexpr uint32_t PLAY_FLUSH = 0x20402;  // HSCC_CAL_3531_flush
 // Starts the slave of o.chip as play does (slave, ports, DMA windows,
 // playback started); its pid, or -1 with err set.
 pid_t start_playback(master& m, const play_options& o, std::string* err);
-// Sends a playback command and waits for its answer; false when none came.
-bool play_command(master& m, int chip, uint32_t cmd, int32_t word0);
+// Sends a playback command and waits for its answer: the answer's result,
+// or -1 when none came.
+int play_command(master& m, int chip, uint32_t cmd, int32_t word0);
 void print_play_summary(FILE* out, const play_summary& s);
 
 // The board's decoder channels and groups as media.json shows them: for
