@@ -15,6 +15,7 @@
 #include <stdlib.h>
 #include <time.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
@@ -33,7 +34,8 @@ namespace {
 
 constexpr int k_record_s = 6;
 constexpr auto k_play = std::chrono::seconds(20);
-constexpr auto k_reference = std::chrono::seconds(3);
+constexpr auto k_reference = std::chrono::seconds(4);
+constexpr auto k_idle = std::chrono::seconds(5);
 
 double cpu_s()
 {
@@ -63,6 +65,30 @@ public:
 private:
     std::string path_;
 };
+
+// The recorded main stream of camera 0.
+std::vector<uint8_t> read_recording(const std::string& board)
+{
+    std::vector<uint8_t> out;
+    FILE* f = std::fopen((board + "/rec/slave1/cam00-rec.h264").c_str(), "rb");
+    if (f == nullptr)
+        return out;
+    unsigned char buf[65536];
+    for (size_t n; (n = std::fread(buf, 1, sizeof(buf), f)) > 0;)
+        out.insert(out.end(), buf, buf + n);
+    std::fclose(f);
+    return out;
+}
+
+// Its access units from the first key frame on (they point into bytes).
+std::vector<std::span<const uint8_t>> access_units(const std::vector<uint8_t>& bytes)
+{
+    std::vector<std::span<const uint8_t>> aus;
+    for (std::span<const uint8_t> au : tmaster::split_access_units(bytes))
+        if (!aus.empty() || tmaster::first_nal_type(au) == tmaster::NAL_SPS)
+            aus.push_back(au);
+    return aus;
+}
 
 // OpenH264 on the recorded access units, as the board's decoder thread
 // gets them, for about k_reference: pictures per second.
@@ -110,6 +136,7 @@ void BM_playback(benchmark::State& state)
         return;
     }
     tmaster::play_summary s;
+    double ref_pps = 0;
     for (auto _ : state) {
         tmaster::record_options r;
         r.board = rec_board.path();
@@ -131,7 +158,14 @@ void BM_playback(benchmark::State& state)
         p.height = static_cast<uint16_t>(height);
         p.frames_per_record = fps;
         p.at_least = k_play;
+        p.idle = k_idle;
+        // OpenH264 alone before and after the playback; the faster run
+        // counts (the other may have shared the processor with a build).
+        const std::vector<uint8_t> rec = read_recording(rec_board.path());
+        const std::vector<std::span<const uint8_t>> aus = access_units(rec);
+        ref_pps = reference_pictures_per_s(aus);
         s = tmaster::play(p);
+        ref_pps = std::max(ref_pps, reference_pictures_per_s(aus));
         state.SetIterationTime(s.seconds);
     }
     if (s.rc != 0 || s.cameras.empty() || s.cameras[0].pictures != s.cameras[0].frames_sent) {
@@ -140,38 +174,26 @@ void BM_playback(benchmark::State& state)
         return;
     }
 
-    const std::string text = [&] {
-        FILE* f = std::fopen((rec_board.path() + "/rec/slave1/cam00-rec.h264").c_str(), "rb");
-        std::string out;
-        if (f == nullptr)
-            return out;
-        char buf[65536];
-        for (size_t n; (n = std::fread(buf, 1, sizeof(buf), f)) > 0;)
-            out.append(buf, n);
-        std::fclose(f);
-        return out;
-    }();
-    const std::vector<uint8_t> bytes(text.begin(), text.end());
-    std::vector<std::span<const uint8_t>> aus;
-    for (std::span<const uint8_t> au : tmaster::split_access_units(bytes))
-        if (!aus.empty() || tmaster::first_nal_type(au) == tmaster::NAL_SPS)
-            aus.push_back(au);
-    const double ref_pps = reference_pictures_per_s(aus);
+    const std::vector<uint8_t> bytes = read_recording(rec_board.path());
     const double mb = static_cast<double>(s.bytes) / 1e6;
     const double own_ms = mb > 0 ? s.slave_own_cpu_s * 1e3 / mb : 0;
+    // The same threads idle for as long as the playback was measured.
+    const double idle_s = s.idle_own_cpu_s * (s.cpu_window_s / std::chrono::duration<double>(k_idle).count());
+    const double played_ms = mb > 0 ? std::max(0.0, s.slave_own_cpu_s - idle_s) * 1e3 / mb : 0;
     const double ref_ms = memcpy_ms_per_mb(bytes);
 
     state.counters["board_pps"] = s.pictures_per_s;
     state.counters["openh264_pps"] = ref_pps;
     state.counters["own_ms_per_MB"] = own_ms;
+    state.counters["own_less_idle_ms_per_MB"] = played_ms;
     state.counters["memcpy2_ms_per_MB"] = ref_ms;
     std::printf("playback %dx%d: %.1f MB, %llu pictures in %.1f s; answers held up to %.0f ms\n", width, height, mb,
                 static_cast<unsigned long long>(s.pictures), s.seconds, s.max_hold_ms);
     std::printf("  board decodes %.1f pictures/s; OpenH264 alone on the same stream %.1f pictures/s (%.0f %%)\n",
                 s.pictures_per_s, ref_pps, ref_pps > 0 ? 100 * s.pictures_per_s / ref_pps : 0.0);
-    std::printf("  slave's own threads %.2f ms CPU per MB (whole slave %.2f ms per MB); two memcpy of the same "
-                "bytes %.2f ms per MB\n",
-                own_ms, mb > 0 ? s.slave_cpu_s * 1e3 / mb : 0.0, ref_ms);
+    std::printf("  slave's own threads %.2f ms CPU per MB, %.2f ms less what they take idle (whole slave %.2f ms per "
+                "MB); two memcpy of the same bytes %.2f ms per MB\n",
+                own_ms, played_ms, mb > 0 ? s.slave_cpu_s * 1e3 / mb : 0.0, ref_ms);
 }
 BENCHMARK(BM_playback)->Args({1920, 1080})->Args({704, 576})->Iterations(1)->UseManualTime()->Unit(benchmark::kSecond);
 

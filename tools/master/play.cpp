@@ -447,6 +447,11 @@ play_summary play(const play_options& o)
         return fail(err);
     say(o, "-- chip %d: playback started, %d camera(s)\n", o.chip, o.cameras);
 
+    if (o.idle.count() > 0) {
+        const double idle0 = proc_cpu_s(pid, true);
+        std::this_thread::sleep_for(o.idle);
+        s.idle_own_cpu_s = proc_cpu_s(pid, true) - idle0;
+    }
     const std::string media = m.board().path("chip" + std::to_string(o.chip) + "/media.json");
     const double cpu0 = proc_cpu_s(pid, false);
     const double own0 = proc_cpu_s(pid, true);
@@ -561,6 +566,7 @@ play_summary play(const play_options& o)
     }
     s.slave_cpu_s = proc_cpu_s(pid, false) - cpu0;
     s.slave_own_cpu_s = proc_cpu_s(pid, true) - own0;
+    s.cpu_window_s = std::chrono::duration<double>(steady::now() - t0).count();
     sampler.stop(&s);
     for (const media_vdec& d : read_media_vdec(media)) {
         if (d.chn < 0 || d.chn >= o.cameras)

@@ -106,6 +106,9 @@ struct play_options {
     int repeat = 1;
     std::chrono::milliseconds at_least{0};
     std::chrono::milliseconds settle{15000};  // for the board to decode what was sent
+    // Before sending: how long to watch the started slave idle (its own
+    // threads' processor time then is their cost without playback).
+    std::chrono::milliseconds idle{0};
     FILE* progress = nullptr;
 };
 
@@ -134,6 +137,8 @@ struct play_summary {
     size_t slave_rss_kb_max = 0;
     double slave_cpu_s = 0;   // the slave process's processor time while sending and settling
     double slave_own_cpu_s = 0;  // of it, the threads not named sim* (the slave's own work)
+    double cpu_window_s = 0;     // over which the two above were measured (sending and settling)
+    double idle_own_cpu_s = 0;   // the slave's own threads over options.idle, before sending
     std::vector<double> hold_ms;      // each answer's wait, in sending order
     std::vector<size_t> rss_kb;       // the slave's VmRSS once a second while sending
     // Decoding as the board's media.json showed it while sending and
