@@ -8,7 +8,7 @@
 //                       [--cameras C] [--cam-base B] [--first K] [--narrow] [--zoom x,y,w,h]
 //                       [--pciv]
 //   tarvo-master play --slave <binary> --board <dir> --from <dir> [--cameras C]
-//                     [--skip-show N]
+//                     [--skip-show N] [--seconds S]
 //
 // demo starts N slaves, shows each one's announcement and the DMA-info round
 // trips, polls status for S seconds and prints the summary. serve plays
@@ -96,12 +96,13 @@ int usage(const char* why)
                  "       tarvo-master record --slave <binary> --board <dir> --out <dir> [--slaves N]\n"
                  "                           [--cameras C] [--seconds S] [--first-key-wait S]\n"
                  "       tarvo-master play --slave <binary> --board <dir> --from <dir> [--cameras C]\n"
-                 "                         [--skip-show N]\n"
+                 "                         [--skip-show N] [--seconds S]\n"
                  "  --from DIR      play: the folder record wrote\n"
                  "  --skip-show N   play: skip-show mode, every N-th frame marked to be shown\n"
                  "  --slaves N      slaves on chips 1..N, chip k with cameras 8(k-1)..8k-1 (default 1)\n"
                  "  --seconds S     how long to poll status (default 5; serve: 0 runs until interrupted);\n"
-                 "                  record: how long to record once every stream has begun (default 30)\n"
+                 "                  record: how long to record once every stream has begun (default 30);\n"
+                 "                  play: send the recording again until S seconds passed (default: once)\n"
                  "  --cameras C     record: cameras per slave, chip k with cameras C(k-1).. (default 8)\n"
                  "  --out DIR       record: the folder for the .h264 files and summary.json\n"
                  "  --first-key-wait S  record: how long streams may take to begin (default 60)\n"
@@ -530,6 +531,8 @@ int run_play(const cli& c)
     o.num_vin = c.cameras;
     o.skip_show = c.skip_show > 0 ? 1 : 0;
     o.show_every = c.skip_show;
+    if (c.seconds_given)
+        o.at_least = std::chrono::seconds(c.seconds);
     o.progress = stdout;
     std::printf("== tarvo-master play on board %s: %d camera(s) from %s\n", c.board.c_str(), c.cameras,
                 c.from.c_str());

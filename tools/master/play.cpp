@@ -1,14 +1,18 @@
 // `tarvo-master play`: recorded streams handed back to a slave for playback.
 #include "master/play.h"
 
-#include <sys/resource.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <condition_variable>
 #include <cstdarg>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
+#include <mutex>
 #include <sstream>
 #include <thread>
+#include <utility>
 
 #include "master/h264.h"
 #include "master/master.h"
@@ -183,6 +187,8 @@ std::vector<media_vdec> read_media_vdec(const std::string& path)
         if (number(o, "chn", &v))
             d.chn = static_cast<int>(v);
         number(o, "pictures", &d.pictures);
+        number(o, "refused", &d.refused);
+        number(o, "undecoded", &d.undecoded);
         if (number(o, "width", &v))
             d.width = static_cast<uint32_t>(v);
         if (number(o, "height", &v))
@@ -210,6 +216,62 @@ uint64_t read_media_user_frames(const std::string& path, int grp)
     return 0;
 }
 
+// ---- the slave's usage ----------------------------------------------------------------
+
+namespace {
+
+// utime + stime of one /proc stat line, in seconds; name gets the comm.
+bool stat_cpu(const std::string& path, double* cpu_s, std::string* name)
+{
+    std::ifstream st(path);
+    std::string line;
+    if (!std::getline(st, line))
+        return false;
+    const size_t open = line.find('(');
+    const size_t close = line.rfind(')');
+    if (open == std::string::npos || close == std::string::npos || close < open)
+        return false;
+    *name = line.substr(open + 1, close - open - 1);
+    std::istringstream in(line.substr(close + 1));
+    std::string f[13];
+    for (std::string& x : f)
+        in >> x;
+    if (!in)
+        return false;
+    const double tick = static_cast<double>(sysconf(_SC_CLK_TCK));
+    *cpu_s = (std::stod(f[11]) + std::stod(f[12])) / tick;  // utime, stime
+    return true;
+}
+
+}  // namespace
+
+double proc_cpu_s(pid_t pid, bool own_only)
+{
+    const std::string dir = "/proc/" + std::to_string(pid);
+    double sum = 0;
+    std::string name;
+    if (!own_only) {
+        stat_cpu(dir + "/stat", &sum, &name);
+        return sum;
+    }
+    std::error_code ec;
+    for (const auto& e : std::filesystem::directory_iterator(dir + "/task", ec)) {
+        double t = 0;
+        if (stat_cpu(e.path().string() + "/stat", &t, &name) && name.rfind("sim", 0) != 0)
+            sum += t;
+    }
+    return sum;
+}
+
+size_t proc_rss_kb(pid_t pid)
+{
+    std::ifstream st("/proc/" + std::to_string(pid) + "/status");
+    for (std::string line; std::getline(st, line);)
+        if (line.rfind("VmRSS:", 0) == 0)
+            return static_cast<size_t>(std::strtoull(line.c_str() + 6, nullptr, 10));
+    return 0;
+}
+
 // ---- the command -------------------------------------------------------------------
 
 namespace {
@@ -232,25 +294,72 @@ std::vector<uint8_t> read_bytes(const std::string& path)
     return std::vector<uint8_t>(std::istreambuf_iterator<char>(f), {});
 }
 
-// The process's own CPU time (user + system, seconds) and resident size (kB).
-bool proc_usage(pid_t pid, double* cpu_s, size_t* rss_kb)
-{
-    std::ifstream st("/proc/" + std::to_string(pid) + "/stat");
-    std::string line;
-    if (!std::getline(st, line))
-        return false;
-    size_t close = line.rfind(')');
-    if (close == std::string::npos)
-        return false;
-    std::istringstream in(line.substr(close + 2));
-    std::string f[24];
-    for (std::string& x : f)
-        in >> x;
-    const double tick = static_cast<double>(sysconf(_SC_CLK_TCK));
-    *cpu_s = (std::stod(f[11]) + std::stod(f[12])) / tick;  // utime, stime
-    *rss_kb = static_cast<size_t>(std::stoull(f[21])) * static_cast<size_t>(sysconf(_SC_PAGESIZE)) / 1024;
-    return true;
-}
+// Samples the slave while it plays: its VmRSS once a second, and the
+// pictures its decoder channels counted (media.json) ten times a second,
+// keeping the moments the total changed.
+class usage_sampler {
+public:
+    usage_sampler(pid_t pid, std::string media) : pid_(pid), media_(std::move(media))
+    {
+        thread_ = std::thread([this] { run(); });
+    }
+    ~usage_sampler() { stop(nullptr); }
+    usage_sampler(const usage_sampler&) = delete;
+    usage_sampler& operator=(const usage_sampler&) = delete;
+
+    void stop(play_summary* s)
+    {
+        {
+            std::lock_guard lk(mu_);
+            stop_ = true;
+        }
+        cv_.notify_all();
+        if (thread_.joinable())
+            thread_.join();
+        if (s == nullptr)
+            return;
+        s->rss_kb = rss_kb_;
+        for (size_t kb : rss_kb_)
+            s->slave_rss_kb_max = std::max(s->slave_rss_kb_max, kb);
+        if (!steps_.empty())
+            s->pictures = steps_.back().second;
+        // Both ends are moments the board published its counters: the
+        // first change after the start (not the start itself), the last.
+        if (steps_.size() >= 3) {
+            const auto& first = steps_[1];
+            const double dt = std::chrono::duration<double>(steps_.back().first - first.first).count();
+            if (dt > 0)
+                s->pictures_per_s = static_cast<double>(steps_.back().second - first.second) / dt;
+        }
+    }
+
+private:
+    void run()
+    {
+        std::unique_lock lk(mu_);
+        for (int tick = 0; !stop_; ++tick) {
+            lk.unlock();
+            if (tick % 10 == 0)
+                rss_kb_.push_back(proc_rss_kb(pid_));
+            uint64_t total = 0;
+            for (const media_vdec& d : read_media_vdec(media_))
+                total += d.pictures;
+            if (steps_.empty() || steps_.back().second != total)
+                steps_.emplace_back(steady::now(), total);
+            lk.lock();
+            cv_.wait_for(lk, std::chrono::milliseconds(100), [this] { return stop_; });
+        }
+    }
+
+    pid_t pid_;
+    std::string media_;
+    std::mutex mu_;
+    std::condition_variable cv_;
+    bool stop_ = false;
+    std::vector<size_t> rss_kb_;
+    std::vector<std::pair<steady::time_point, uint64_t>> steps_;
+    std::thread thread_;
+};
 
 struct cam_stream {
     std::vector<uint8_t> bytes;
@@ -259,6 +368,43 @@ struct cam_stream {
 };
 
 }  // namespace
+
+pid_t start_playback(master& m, const play_options& o, std::string* err)
+{
+    slave_config cfg;
+    cfg.binary = o.slave;
+    cfg.chip = o.chip;
+    cfg.cam_base = o.cam_base;
+    cfg.slave_cam = o.slave_cam;
+    cfg.num_vin = o.num_vin;
+    const pid_t pid = m.start_slave(cfg);
+    if (pid < 0) {
+        *err = m.error();
+        return -1;
+    }
+    if (!m.wait_ports(o.chip, milliseconds(20000)) || !m.wait_announcement(o.chip, milliseconds(5000))) {
+        *err = "the slave's ports did not open";
+        return -1;
+    }
+    if (m.set_dma_info(o.chip, milliseconds(3000)) != 0) {
+        *err = "HSCC_CAL_SetDmaInfo failed";
+        return -1;
+    }
+    if (play_command(m, o.chip, PLAY_START, 1) != 0) {
+        *err = "HSCC_CAL_3531_decstart: no reply or refused";
+        return -1;
+    }
+    return pid;
+}
+
+int play_command(master& m, int chip, uint32_t cmd, int32_t word0)
+{
+    // Three words: the flush's third one names a camera (0 here).
+    const int32_t payload[3] = {word0, 0, 0};
+    std::optional<reply_t> r = m.command(
+        chip, cmd, std::span(reinterpret_cast<const uint8_t*>(payload), sizeof(payload)), milliseconds(5000));
+    return r ? static_cast<int>(r->head.result) : -1;
+}
 
 play_summary play(const play_options& o)
 {
@@ -295,29 +441,22 @@ play_summary play(const play_options& o)
     master m(mo);
     if (m.open() != 0)
         return fail(m.error());
-    slave_config cfg;
-    cfg.binary = o.slave;
-    cfg.chip = o.chip;
-    cfg.cam_base = o.cam_base;
-    cfg.slave_cam = o.slave_cam;
-    cfg.num_vin = o.num_vin;
-    const pid_t pid = m.start_slave(cfg);
+    std::string err;
+    const pid_t pid = start_playback(m, o, &err);
     if (pid < 0)
-        return fail(m.error());
-    if (!m.wait_ports(o.chip, milliseconds(20000)) || !m.wait_announcement(o.chip, milliseconds(5000)))
-        return fail("the slave's ports did not open");
-    if (m.set_dma_info(o.chip, milliseconds(3000)) != 0)
-        return fail("HSCC_CAL_SetDmaInfo failed");
-    const int32_t start[2] = {1, 0};
-    if (!m.command(o.chip, 0x20401, std::span(reinterpret_cast<const uint8_t*>(start), sizeof(start)),
-                   milliseconds(5000)))
-        return fail("HSCC_CAL_3531_decstart: no reply");
+        return fail(err);
     say(o, "-- chip %d: playback started, %d camera(s)\n", o.chip, o.cameras);
 
-    double cpu0 = 0;
-    size_t rss = 0;
-    proc_usage(pid, &cpu0, &rss);
+    if (o.idle.count() > 0) {
+        const double idle0 = proc_cpu_s(pid, true);
+        std::this_thread::sleep_for(o.idle);
+        s.idle_own_cpu_s = proc_cpu_s(pid, true) - idle0;
+    }
+    const std::string media = m.board().path("chip" + std::to_string(o.chip) + "/media.json");
+    const double cpu0 = proc_cpu_s(pid, false);
+    const double own0 = proc_cpu_s(pid, true);
     const auto t0 = steady::now();
+    usage_sampler sampler(pid, media);
     // Frames in recording order: one of each camera in turn.
     std::vector<std::vector<uint8_t>> pending;  // built records not yet sent
     auto send = [&](bool last) -> bool {
@@ -341,11 +480,8 @@ play_summary play(const play_options& o)
             s.bytes += bytes.size();
             s.max_hold_ms = std::max(s.max_hold_ms, ms);
             s.held += ms >= 50 ? 1 : 0;
+            s.hold_ms.push_back(ms);
             s.refused += r->head.result != 0 ? 1 : 0;
-            double cpu = 0;
-            size_t kb = 0;
-            if (proc_usage(pid, &cpu, &kb))
-                s.slave_rss_kb_max = std::max(s.slave_rss_kb_max, kb);
         }
         return true;
     };
@@ -353,8 +489,15 @@ play_summary play(const play_options& o)
     std::vector<play_frame> frames;
     size_t frames_bytes = 0;
     uint64_t index = 0;
+    int round = 1;
     for (bool more = true; more;) {
         more = false;
+        if (std::all_of(streams.begin(), streams.end(), [](const cam_stream& cs) { return cs.next >= cs.aus.size(); }) &&
+            (round < o.repeat || steady::now() - t0 < o.at_least)) {
+            ++round;
+            for (cam_stream& cs : streams)
+                cs.next = 0;
+        }
         for (size_t c = 0; c < streams.size(); ++c) {
             cam_stream& cs = streams[c];
             if (cs.next >= cs.aus.size())
@@ -396,9 +539,9 @@ play_summary play(const play_options& o)
         static_cast<unsigned long long>(s.transfers), static_cast<unsigned long long>(s.records),
         static_cast<double>(s.bytes) / 1e6, s.seconds, s.max_hold_ms);
 
-    // The board finishes what it holds: wait until every camera's last SEI
-    // is the last one sent, or the pictures stop moving.
-    const std::string media = m.board().path("chip" + std::to_string(o.chip) + "/media.json");
+    // The board finishes what it holds: wait until every camera decoded as
+    // many pictures as it was sent frames up to the last SEI sent, or the
+    // pictures stop moving.
     const auto settle0 = steady::now();
     uint64_t seen = ~uint64_t{0};
     auto moved_at = steady::now();
@@ -409,7 +552,8 @@ play_summary play(const play_options& o)
         for (const media_vdec& d : v) {
             total += d.pictures;
             if (d.chn >= 0 && d.chn < o.cameras && d.have_last &&
-                d.seq == s.cameras[static_cast<size_t>(d.chn)].last_seq_sent)
+                d.seq == s.cameras[static_cast<size_t>(d.chn)].last_seq_sent &&
+                d.pictures >= s.cameras[static_cast<size_t>(d.chn)].frames_sent)
                 ++done;
         }
         if (total != seen) {
@@ -420,9 +564,10 @@ play_summary play(const play_options& o)
             break;
         std::this_thread::sleep_for(std::chrono::milliseconds(200));
     }
-    double cpu1 = 0;
-    if (proc_usage(pid, &cpu1, &rss))
-        s.slave_cpu_s = cpu1 - cpu0;
+    s.slave_cpu_s = proc_cpu_s(pid, false) - cpu0;
+    s.slave_own_cpu_s = proc_cpu_s(pid, true) - own0;
+    s.cpu_window_s = std::chrono::duration<double>(steady::now() - t0).count();
+    sampler.stop(&s);
     for (const media_vdec& d : read_media_vdec(media)) {
         if (d.chn < 0 || d.chn >= o.cameras)
             continue;
@@ -445,8 +590,12 @@ void print_play_summary(FILE* out, const play_summary& s)
                  static_cast<double>(s.bytes) / 1e6, s.seconds);
     std::fprintf(out, "   answers: longest %.0f ms, %llu held 50 ms or more, %llu refused\n", s.max_hold_ms,
                  static_cast<unsigned long long>(s.held), static_cast<unsigned long long>(s.refused));
+    const double mb = static_cast<double>(s.bytes) / 1e6;
     std::fprintf(out, "   slave: %.2f s of processor (%.2f s per MB), largest resident size %zu kB\n", s.slave_cpu_s,
-                 s.bytes > 0 ? s.slave_cpu_s / (static_cast<double>(s.bytes) / 1e6) : 0.0, s.slave_rss_kb_max);
+                 mb > 0 ? s.slave_cpu_s / mb : 0.0, s.slave_rss_kb_max);
+    std::fprintf(out, "   slave's own threads (not sim*): %.2f s (%.1f ms per MB); board decoded %llu pictures, %.1f per s\n",
+                 s.slave_own_cpu_s, mb > 0 ? 1000 * s.slave_own_cpu_s / mb : 0.0,
+                 static_cast<unsigned long long>(s.pictures), s.pictures_per_s);
     for (const play_camera& c : s.cameras)
         std::fprintf(out,
                      "   camera %2d: %llu frames sent (%llu to show), last seq %u; decoded %llu, last seq %s%u, "

@@ -6,6 +6,8 @@
 // the board decoded per camera (its media.json) with the frames sent.
 #pragma once
 
+#include <sys/types.h>
+
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
@@ -99,7 +101,14 @@ struct play_options {
     int skip_show = 0;             // non-zero: only every show_every-th frame is marked
     int show_every = 2;
     int max_frames = 0;            // per camera; 0: all
+    // The recording is sent again from its first key frames until it went
+    // out `repeat` times and the sending lasted `at_least`.
+    int repeat = 1;
+    std::chrono::milliseconds at_least{0};
     std::chrono::milliseconds settle{15000};  // for the board to decode what was sent
+    // Before sending: how long to watch the started slave idle (its own
+    // threads' processor time then is their cost without playback).
+    std::chrono::milliseconds idle{0};
     FILE* progress = nullptr;
 };
 
@@ -126,11 +135,31 @@ struct play_summary {
     uint64_t held = 0;        // answers held 50 ms or more
     uint64_t refused = 0;     // answers with a non-zero result
     size_t slave_rss_kb_max = 0;
-    double slave_cpu_s = 0;   // the slave's own processor time while sending and settling
+    double slave_cpu_s = 0;   // the slave process's processor time while sending and settling
+    double slave_own_cpu_s = 0;  // of it, the threads not named sim* (the slave's own work)
+    double cpu_window_s = 0;     // over which the two above were measured (sending and settling)
+    double idle_own_cpu_s = 0;   // the slave's own threads over options.idle, before sending
+    std::vector<double> hold_ms;      // each answer's wait, in sending order
+    std::vector<size_t> rss_kb;       // the slave's VmRSS once a second while sending
+    // Decoding as the board's media.json showed it while sending and
+    // settling: pictures of all channels, and their rate between the
+    // first and the last change seen.
+    uint64_t pictures = 0;
+    double pictures_per_s = 0;
     std::vector<play_camera> cameras;
 };
 
 play_summary play(const play_options& o);
+
+// The master's playback commands (payload word 0; words 1 and 2 are 0).
+inline constexpr uint32_t PLAY_START = 0x20401;  // HSCC_CAL_3531_decstart: 0 stop, else start
+inline constexpr uint32_t PLAY_FLUSH = 0x20402;  // HSCC_CAL_3531_flush
+// Starts the slave of o.chip as play does (slave, ports, DMA windows,
+// playback started); its pid, or -1 with err set.
+pid_t start_playback(master& m, const play_options& o, std::string* err);
+// Sends a playback command and waits for its answer: the answer's result,
+// or -1 when none came.
+int play_command(master& m, int chip, uint32_t cmd, int32_t word0);
 void print_play_summary(FILE* out, const play_summary& s);
 
 // The board's decoder channels and groups as media.json shows them: for
@@ -138,6 +167,8 @@ void print_play_summary(FILE* out, const play_summary& s);
 struct media_vdec {
     int chn = -1;
     uint64_t pictures = 0;
+    uint64_t refused = 0;    // streams the channel refused
+    uint64_t undecoded = 0;  // units it took that gave no picture
     bool have_last = false;
     uint32_t camera = 0, seq = 0;
     uint32_t width = 0, height = 0;
@@ -145,5 +176,11 @@ struct media_vdec {
 std::vector<media_vdec> read_media_vdec(const std::string& media_json);
 // user_frames of processing group grp; 0 when absent.
 uint64_t read_media_user_frames(const std::string& media_json, int grp);
+
+// Processor time of process pid in seconds (user + system, threads alive
+// now): all threads, or only those whose name does not begin with "sim".
+double proc_cpu_s(pid_t pid, bool own_only);
+// VmRSS of process pid in kB; 0 when unknown.
+size_t proc_rss_kb(pid_t pid);
 
 }  // namespace tmaster
