@@ -264,14 +264,15 @@ record_summary record(record_options o)
                           (bad.size() > 1 ? " (and " + std::to_string(bad.size() - 1) + " more)" : "");
     }
 
-    // The board's encoder makes its loops first: wait, bounded, until every
-    // configured stream has delivered its first key frame.
+    // The board's encoder makes its loops first and the snapshots begin 5 s
+    // after the slave: wait, bounded, until every configured stream has
+    // delivered its first key frame and every recording camera a snapshot.
     auto t0 = steady::now();
     auto since = [](steady::time_point t) { return std::chrono::duration<double>(steady::now() - t).count(); };
     int next_line = o.progress_every_s;
     bool begun = false;
     if (setup_error.empty()) {
-        say(o, "-- waiting up to %lld s for every stream's first key frame\n",
+        say(o, "-- waiting up to %lld s for every stream's first key frame and snapshot\n",
             static_cast<long long>(std::chrono::duration_cast<seconds>(o.first_key_wait).count()));
         while (!interrupted(o) && steady::now() - t0 < o.first_key_wait) {
             recorder::progress_t p = rec.progress();
@@ -335,7 +336,7 @@ record_summary record(record_options o)
         recorder::progress_t p = rec.progress();
         s.error = interrupted(o) ? "interrupted"
                                  : std::to_string(p.expected - p.started) + " of " + std::to_string(p.expected) +
-                                       " streams delivered no key frame within the wait:";
+                                       " streams delivered no key frame or snapshot within the wait:";
         int listed = 0;
         for (const stream_summary& x : s.streams) {
             if (interrupted(o) || x.file.empty() || x.key_frames > 0)
@@ -346,6 +347,11 @@ record_summary record(record_options o)
             }
             s.error += " chip " + std::to_string(x.key.chip) + " camera " + std::to_string(x.key.camera) + " " +
                        stream_type_name(x.key.type) + ";";
+        }
+        for (const auto& [chip, cam] : rec.snapshots_missing()) {
+            if (interrupted(o) || ++listed > 8)
+                break;
+            s.error += " chip " + std::to_string(chip) + " camera " + std::to_string(cam) + " snapshots;";
         }
     } else if (interrupted(o)) {
         s.rc = 1;

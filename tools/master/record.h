@@ -37,8 +37,9 @@ struct record_options {
 };
 
 // Runs a recording and returns its summary; also writes it to
-// <out>/summary.json. rc is 0 when every slave was set up and every
-// configured stream delivered its first key frame.
+// <out>/summary.json. rc is 0 when every slave was set up, every
+// configured stream delivered its first key frame and every camera whose
+// REC runs on an input its first snapshot.
 record_summary record(record_options o);
 
 // Sets up one slave as a recorder does: HSCC_CAL_SetTime (now),

@@ -321,6 +321,8 @@ recorder::recorder(record_plan plan) : plan_(std::move(plan))
             const camera_plan cam = plan_.camera(p.cam_base + c);
             if (!plan_.has_input(cam.camera))
                 continue;
+            if (cam.rec)
+                snapshots_begun_[{p.chip, cam.camera}] = false;
             for (stream_type t : {stream_type::rec, stream_type::reclow, stream_type::netlow, stream_type::copy}) {
                 if (t == stream_type::copy && !plan_.copy)
                     continue;
@@ -449,6 +451,8 @@ void recorder::take_jpeg(int chip, const jpeg_batch& b, std::span<const uint8_t>
     for (const jpeg_picture& p : b.pictures) {
         if (static_cast<uint64_t>(p.desc.data) + p.desc.len > written.size())
             continue;
+        if (auto it = snapshots_begun_.find({chip, static_cast<int>(p.stream)}); it != snapshots_begun_.end())
+            it->second = true;
         snapshot_record& r = snapshots_.emplace_back();
         r = {chip, static_cast<int>(p.stream), p.desc.jpg_on, p.desc.time, p.desc.len, arrival, {}};
         if (plan_.out.empty())
@@ -573,7 +577,22 @@ recorder::progress_t recorder::progress() const
         p.bytes += s.check.bytes;
         p.violations += s.check.problems().count;
     }
+    for (const auto& [k, begun] : snapshots_begun_) {
+        ++p.expected;
+        p.started += begun ? 1 : 0;
+    }
     return p;
+}
+
+std::vector<std::pair<int, int>> recorder::snapshots_missing() const
+{
+    std::lock_guard lk(mu_);
+    std::vector<std::pair<int, int>> out;
+    for (const auto& [k, begun] : snapshots_begun_) {
+        if (!begun)
+            out.push_back(k);
+    }
+    return out;
 }
 
 record_summary recorder::summary() const

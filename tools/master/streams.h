@@ -262,8 +262,10 @@ public:
     void take_jpeg(int chip, const jpeg_batch& b, std::span<const uint8_t> written, double arrival);
     void finish();  // closes the files
 
+    // A camera whose REC runs on an input sends snapshots too: they count as
+    // one more stream, begun with its first snapshot.
     struct progress_t {
-        size_t started = 0;   // configured streams past their first key frame
+        size_t started = 0;   // configured streams past their first key frame or snapshot
         size_t expected = 0;  // configured streams
         uint64_t frames = 0;
         uint64_t bytes = 0;
@@ -272,6 +274,8 @@ public:
     progress_t progress() const;
     record_summary summary() const;
     const record_plan& plan() const { return plan_; }
+    // The cameras, {chip, camera}, whose snapshots have not begun.
+    std::vector<std::pair<int, int>> snapshots_missing() const;
 
 private:
     struct stream_state {
@@ -295,6 +299,7 @@ private:
     uint64_t snapshots_kept_ = 0;
     std::vector<snapshot_record> snapshots_;
     std::vector<snapshot_transfer> snapshot_transfers_;
+    std::map<std::pair<int, int>, bool> snapshots_begun_;  // {chip, camera}: expected ones
     bool write_failed_ = false;
 };
 
