@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <cstdio>
 #include <string>
 
@@ -63,10 +64,13 @@ TEST(record_e2e, two_slaves_record_a_minute_of_every_stream_whole_at_its_rate_an
 
     // Snapshots: counted by arrival within the recording window; every
     // transfer within the batch limits.
+    size_t fewest = SIZE_MAX, most = 0;
     for (const slave_plan& sp : o.plan.slaves) {
         for (int c = 0; c < sp.cameras; ++c) {
             const int cam = sp.cam_base + c;
             const size_t n = s.snapshots_of(sp.chip, cam, s.began_at, s.ended_at);
+            fewest = std::min(fewest, n);
+            most = std::max(most, n);
             EXPECT_GE(n, static_cast<size_t>(SNAPSHOTS_AT_LEAST)) << "slave " << sp.chip << " camera " << cam;
             EXPECT_LE(n, static_cast<size_t>(SNAPSHOTS_AT_MOST)) << "slave " << sp.chip << " camera " << cam;
         }
@@ -75,8 +79,8 @@ TEST(record_e2e, two_slaves_record_a_minute_of_every_stream_whole_at_its_rate_an
         EXPECT_LE(t.pictures, 9u);
         EXPECT_LE(t.bytes, 2096127u);
     }
-    std::fprintf(stderr, "-- snapshots: %zu in %zu transfers over %.1f s\n", s.snapshots.size(),
-                 s.snapshot_transfers.size(), s.ended_at - s.began_at);
+    std::fprintf(stderr, "-- snapshots in the %.1f s window: %zu to %zu per camera; %zu in %zu transfers in all\n",
+                 s.ended_at - s.began_at, fewest, most, s.snapshots.size(), s.snapshot_transfers.size());
 
     const stream_type types[] = {stream_type::rec, stream_type::reclow, stream_type::netlow, stream_type::copy};
     for (const slave_plan& sp : o.plan.slaves) {

@@ -33,6 +33,16 @@ using namespace tmaster;
 namespace {
 
 constexpr int SECONDS = 16;
+// Snapshots per camera in the recording window, and pictures taken with the
+// JPEG switch off and on. The sanitizers slow the slave's threads several
+// times over: there a pass takes longer than a second.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr int SNAPSHOTS_AT_LEAST = SECONDS / 4;
+constexpr size_t EACH_SWITCH_AT_LEAST = 1;
+#else
+constexpr int SNAPSHOTS_AT_LEAST = SECONDS - 3;
+constexpr size_t EACH_SWITCH_AT_LEAST = 3;
+#endif
 
 std::vector<uint8_t> slurp(const std::string& path)
 {
@@ -146,7 +156,8 @@ TEST(snapshot_e2e, cameras_with_rec_send_a_jpeg_a_second_of_their_size_and_burn_
     ASSERT_GT(switch_done, 0);
 
     // Every camera whose REC runs on an input: about one snapshot a second
-    // from the first pass on; the others none at all.
+    // (the window begins after every such camera's first); the others none
+    // at all.
     std::map<int, std::vector<const snapshot_record*>> per_cam;
     for (const snapshot_record& r : s.snapshots) {
         EXPECT_EQ(r.chip, 1);
@@ -160,7 +171,7 @@ TEST(snapshot_e2e, cameras_with_rec_send_a_jpeg_a_second_of_their_size_and_burn_
             EXPECT_EQ(per_cam[cam].size(), 0u);
             continue;
         }
-        EXPECT_GE(static_cast<double>(n), SECONDS - 3);
+        EXPECT_GE(n, static_cast<size_t>(SNAPSHOTS_AT_LEAST));
         EXPECT_LE(static_cast<double>(n), window + 1);
         const std::pair<int, int> want = cam == SMALL ? std::make_pair(SMALL_W, SMALL_H) : std::make_pair(1920, 1080);
         size_t off = 0, on = 0;
@@ -176,11 +187,11 @@ TEST(snapshot_e2e, cameras_with_rec_send_a_jpeg_a_second_of_their_size_and_burn_
                 on += r->jpg_on == 1;
             }
         }
-        EXPECT_GE(off, 2u);
-        EXPECT_GE(on, 2u);
+        EXPECT_GE(off, EACH_SWITCH_AT_LEAST);
+        EXPECT_GE(on, EACH_SWITCH_AT_LEAST);
     }
 
-    // No transfer beyond the batch limits; a pass of 6 cameras is one.
+    // No transfer beyond the batch limits.
     ASSERT_FALSE(s.snapshot_transfers.empty());
     for (const snapshot_transfer& t : s.snapshot_transfers) {
         EXPECT_GE(t.pictures, 1u);
