@@ -8,8 +8,10 @@
 // picture.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <csetjmp>
+#include <cstdint>
 #include <cstdio>
 #include <ctime>
 #include <fstream>
@@ -164,6 +166,7 @@ TEST(snapshot_e2e, cameras_with_rec_send_a_jpeg_a_second_of_their_size_and_burn_
         per_cam[r.camera].push_back(&r);
     }
     const double window = s.ended_at - s.began_at;
+    size_t fewest = SIZE_MAX, most = 0;
     for (int cam = 0; cam < 8; ++cam) {
         SCOPED_TRACE("camera " + std::to_string(cam));
         const size_t n = s.snapshots_of(1, cam, s.began_at, s.ended_at);
@@ -171,6 +174,8 @@ TEST(snapshot_e2e, cameras_with_rec_send_a_jpeg_a_second_of_their_size_and_burn_
             EXPECT_EQ(per_cam[cam].size(), 0u);
             continue;
         }
+        fewest = std::min(fewest, n);
+        most = std::max(most, n);
         EXPECT_GE(n, static_cast<size_t>(SNAPSHOTS_AT_LEAST));
         EXPECT_LE(static_cast<double>(n), window + 1);
         const std::pair<int, int> want = cam == SMALL ? std::make_pair(SMALL_W, SMALL_H) : std::make_pair(1920, 1080);
@@ -190,6 +195,9 @@ TEST(snapshot_e2e, cameras_with_rec_send_a_jpeg_a_second_of_their_size_and_burn_
         EXPECT_GE(off, EACH_SWITCH_AT_LEAST);
         EXPECT_GE(on, EACH_SWITCH_AT_LEAST);
     }
+
+    std::fprintf(stderr, "-- snapshots in the %.1f s window: %zu to %zu per recording camera\n", window, fewest,
+                 most);
 
     // No transfer beyond the batch limits.
     ASSERT_FALSE(s.snapshot_transfers.empty());
