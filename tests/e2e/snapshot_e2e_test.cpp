@@ -16,9 +16,12 @@
 #include <ctime>
 #include <fstream>
 #include <iterator>
+#include <optional>
 #include <map>
+#include <mutex>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #ifdef TARVO_SIM_LIBJPEG
@@ -227,6 +230,136 @@ TEST(snapshot_e2e, cameras_with_rec_send_a_jpeg_a_second_of_their_size_and_burn_
         EXPECT_TRUE(recent) << "shown \"" << shown << "\", expected about \"" << expected_line(ended) << "\"";
         EXPECT_TRUE(std::ifstream(out.path() + "/slave1/cam0" + std::to_string(r.handle - 64) + "-overlay.png").good());
     }
+}
+
+}  // namespace
+
+namespace {
+
+// A pass's pictures, as the master's notifications carried them.
+struct sent_batch {
+    std::vector<int> cameras;
+    std::vector<uint32_t> lens;
+    uint32_t bytes = 0;
+    bool bad = false;
+};
+
+TEST(snapshot_e2e, a_pass_whose_pictures_exceed_a_batch_goes_as_two_transfers)
+{
+    // Textured cameras: a 1920 x 1080 snapshot of about 0.37 MB, so the
+    // eight of a pass pass 2096127 bytes.
+    temp_board_dir board;
+    board.share_cache();
+    {
+        std::ofstream conf(board.file("board.conf"));
+        for (int cam = 0; cam < 8; ++cam)
+            conf << "camera " << cam << " 1920x1080 p 30 moving textured\n";
+    }
+    master_options mo;
+    mo.board = board.path();
+    master m(mo);
+    ASSERT_EQ(m.open(), 0) << m.error();
+    std::mutex mu;
+    std::vector<sent_batch> got;
+    m.on_notification([&](const notification& n, std::span<const uint8_t>) {
+        const auto* b = std::get_if<jpeg_batch>(&n.parsed);
+        if (b == nullptr)
+            return;
+        sent_batch x;
+        x.bytes = b->bytes;
+        x.bad = b->check.rejected || !b->check.problems.empty() || b->pictures.size() != b->count;
+        for (const jpeg_picture& p : b->pictures) {
+            x.cameras.push_back(static_cast<int>(p.stream));
+            x.lens.push_back(p.desc.len);
+        }
+        std::lock_guard lk(mu);
+        got.push_back(std::move(x));
+    });
+
+    // Every camera's REC on (at 352 x 288, the cheapest stream to encode)
+    // with its JPEG switch.
+    slave_config cfg;
+    cfg.binary = TARVO_SLAVE_BINARY;
+    ASSERT_GT(m.start_slave(cfg), 0) << m.error();
+    ASSERT_TRUE(m.wait_ports(1, std::chrono::milliseconds(20000)));
+    ASSERT_TRUE(m.wait_announcement(1, std::chrono::milliseconds(5000)));
+    const std::chrono::milliseconds wait(5000);
+    ASSERT_EQ(m.set_dma_info(1, wait), 0);
+    for (int cam = 0; cam < 8; ++cam) {
+        EXPECT_EQ(m.set_vincaps(1, {cam, 1920, 1080, 1, 30.0, 0, 0}, wait), std::optional<int32_t>(0));
+        enc_video_t v{};
+        v.kind = KIND_REC;
+        v.fps = 15;
+        v.width = 352;
+        v.height = 288;
+        v.cam = static_cast<uint8_t>(cam);
+        v.quality = 2;
+        v.attr = 1;
+        EXPECT_EQ(m.set_enc_video(1, v, wait), std::optional<int32_t>(0));
+        const uint32_t c = static_cast<uint32_t>(cam);
+        EXPECT_EQ(m.run_enc_video(1, {KIND_REC, c, 1, 0}, wait), std::optional<int32_t>(0));
+        EXPECT_EQ(m.run_enc_video(1, {KIND_JPEG, c, 1, 0}, wait), std::optional<int32_t>(0));
+    }
+    update_video_t u{};
+    u.sync = 1;
+    u.fps = 30;
+    u.t = static_cast<uint64_t>(wall_now() * 1e6);
+    EXPECT_EQ(m.update_enc_video(1, u, wait), std::optional<int32_t>(0));
+
+    // A pass takes the cameras in order: a camera number that does not grow
+    // begins the next one. Wait for three whole passes after the first.
+    auto passes_of = [](const std::vector<sent_batch>& t) {
+        std::vector<std::vector<sent_batch>> passes;
+        int last = -1;
+        for (const sent_batch& x : t) {
+            if (passes.empty() || x.cameras.empty() || x.cameras.front() <= last)
+                passes.emplace_back();
+            passes.back().push_back(x);
+            last = x.cameras.empty() ? -1 : x.cameras.back();
+        }
+        return passes;
+    };
+    auto snapshot = [&] {
+        std::lock_guard lk(mu);
+        return got;
+    };
+    const auto t0 = std::chrono::steady_clock::now();
+    while (std::chrono::steady_clock::now() - t0 < std::chrono::seconds(60) && passes_of(snapshot()).size() < 5)
+        std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    m.end_slaves();
+    m.close();
+
+    std::vector<std::vector<sent_batch>> passes = passes_of(snapshot());
+    ASSERT_GE(passes.size(), 5u);
+    passes.pop_back();  // perhaps cut short by the end
+    int split = 0;
+    for (size_t k = 0; k < passes.size(); ++k) {
+        SCOPED_TRACE("pass " + std::to_string(k));
+        const std::vector<sent_batch>& p = passes[k];
+        uint64_t total = 0;
+        for (size_t b = 0; b < p.size(); ++b) {
+            EXPECT_FALSE(p[b].bad);
+            EXPECT_LE(p[b].cameras.size(), 9u);
+            EXPECT_LE(p[b].bytes, 2096127u);
+            total += p[b].bytes;
+            // A batch is handed over only when the next picture does not fit.
+            if (b + 1 < p.size() && !p[b + 1].lens.empty()) {
+                EXPECT_GT(uint64_t{p[b].bytes} + p[b + 1].lens.front(), 2096127u);
+            }
+        }
+        std::string line;
+        for (const sent_batch& b : p)
+            line += " " + std::to_string(b.cameras.size()) + " pictures " + std::to_string(b.bytes) + " bytes;";
+        std::fprintf(stderr, "-- pass %zu:%s\n", k, line.c_str());
+        if (total > 2096127u) {
+            ++split;
+            EXPECT_EQ(p.size(), 2u);
+        } else {
+            EXPECT_EQ(p.size(), 1u);
+        }
+    }
+    // Passes of all eight pictures (about 3 MB) went as two transfers.
+    EXPECT_GE(split, 3);
 }
 
 }  // namespace
