@@ -5,7 +5,8 @@
 // switch follows run-video kind 2; no transfer holds more than 9 pictures or
 // 2096127 bytes. The overlay read back from the board shows the master's
 // glyphs spelling the slave's date and time at the bottom left of the REC
-// picture.
+// picture. On textured cameras, whose pictures are as large as a real
+// camera's, a pass beyond 2096127 bytes goes as two transfers.
 #include <gtest/gtest.h>
 
 #include <algorithm>
