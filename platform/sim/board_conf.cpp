@@ -56,8 +56,8 @@ std::string parse_camera(const std::vector<std::string_view>& w, int* number, si
 {
     if (w[0] != "camera")
         return "unknown keyword '" + std::string(w[0]) + "'";
-    if (w.size() < 5 || w.size() > 6)
-        return "expected 'camera <number> <width>x<height> <p|i> <fps> [still|moving|absent]'";
+    if (w.size() < 5 || w.size() > 7)
+        return "expected 'camera <number> <width>x<height> <p|i> <fps> [still|moving|absent] [textured]'";
     if (!parse_int(w[1], number) || *number < 0)
         return "camera number '" + std::string(w[1]) + "' is not a number 0 or above";
     size_t x = w[2].find('x');
@@ -73,7 +73,7 @@ std::string parse_camera(const std::vector<std::string_view>& w, int* number, si
         return "scan '" + std::string(w[3]) + "' is neither p nor i";
     if (!parse_double(w[4], &cam->fps) || cam->fps <= 0.0 || cam->fps > SIM_CAM_MAX_FPS)
         return "frame rate '" + std::string(w[4]) + "' is not a number above 0 and at most 240";
-    if (w.size() == 6) {
+    if (w.size() >= 6) {
         if (w[5] == "moving")
             cam->scene = sim_scene::moving;
         else if (w[5] == "still")
@@ -82,6 +82,11 @@ std::string parse_camera(const std::vector<std::string_view>& w, int* number, si
             cam->scene = sim_scene::absent;
         else
             return "scene '" + std::string(w[5]) + "' is not still, moving or absent";
+    }
+    if (w.size() == 7) {
+        if (w[6] != "textured")
+            return "'" + std::string(w[6]) + "' after the scene is not textured";
+        cam->textured = true;
     }
     return {};
 }

@@ -1,7 +1,9 @@
 // board.conf: what the cameras of a simulated board deliver.
 //
 // One line per camera, "camera <number> <width>x<height> <p|i> <fps>
-// [still|moving|absent]", the number being recorder-wide. Lines whose first
+// [still|moving|absent] [textured]", the number being recorder-wide;
+// "textured" lays a fixed fine texture over the background, so pictures
+// compress as poorly as a real camera's. Lines whose first
 // non-blank character is '#' and blank lines are ignored. A camera without
 // a line delivers 1920 x 1080 progressive at 30 frames per second, moving.
 #pragma once
@@ -20,6 +22,7 @@ struct sim_camera_conf {
     bool progressive = true;
     double fps = 30.0;
     sim_scene scene = sim_scene::moving;
+    bool textured = false;
 
     // The frame rate the camera actually delivers: 0 when absent.
     double delivered_fps() const { return scene == sim_scene::absent ? 0.0 : fps; }

@@ -92,7 +92,7 @@ bool encode_all(const sim_loop_key& key, int bps, std::vector<coded_au>* out)
     std::vector<uint8_t> yuv(static_cast<size_t>(w) * h + 2 * static_cast<size_t>(cw) * ch);
     sim_picture pic{w, h, yuv.data(), w, yuv.data() + w * h, yuv.data() + w * h + cw * ch, cw, 1};
     const uint32_t frames = sim_loop_frames(key);
-    const sim_scene_painter painter(key.camera, key.scene, w, h);
+    const sim_scene_painter painter(key.camera, key.scene, w, h, key.textured);
     out->assign(frames, {});
     for (uint32_t i = 0; i < frames; ++i) {
         int64_t t_us = static_cast<int64_t>(i) * 1000000000 / key.mfps;

@@ -100,7 +100,8 @@ void write_file(const sim_h264_loop& loop, const std::string& dir, const std::st
 
 std::string sim_loop_key::file_name() const
 {
-    const char* kind = scene == sim_scene::still ? "still" : "moving";
+    const char* kind = scene == sim_scene::still ? (textured ? "still-textured" : "still")
+                                                 : (textured ? "moving-textured" : "moving");
     char name[160];
     std::snprintf(name, sizeof name, "h264-cam%d-%ux%u-gop%u-%ukbps-%umfps-%s-cov%08x-v%u.loop", camera, width, height,
                   gop, kbps, mfps, kind, covers, k_version);

@@ -22,6 +22,7 @@
 struct sim_loop_key {
     int camera = 0;  // recorder-wide
     sim_scene scene = sim_scene::moving;
+    bool textured = false;
     uint32_t width = 0;
     uint32_t height = 0;
     uint32_t gop = 0;

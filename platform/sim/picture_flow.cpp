@@ -63,6 +63,7 @@ sim_flow_source sim_flow_venc_source(const sim_media& m, int32_t venc_chn)
     s.input = sim_vi_input_of_dev(vi_dev_of_chn(vi));
     s.camera = sim_cam_base() + s.input;
     s.scene = m.board.camera(s.camera).scene;
+    s.textured = m.board.camera(s.camera).textured;
     s.fps = sim_flow_vi_fps(m, vi);
     s.live = s.fps > 0;
     return s;
@@ -195,6 +196,7 @@ sim_flow_vda_source sim_flow_vda_source_of(const sim_media& m, int32_t vda_chn)
     s.vi = vi;
     s.camera = sim_cam_base() + sim_vi_input_of_dev(vi_dev_of_chn(vi));
     s.scene = m.board.camera(s.camera).scene;
+    s.textured = m.board.camera(s.camera).textured;
     s.fps = sim_flow_vi_fps(m, vi);
     s.since_us = m.vi_chn[vi].enabled_us;
     s.live = s.fps > 0;

@@ -22,6 +22,7 @@ struct sim_flow_source {
     int32_t vi = -1;    // the capture channel
     int camera = -1;    // recorder-wide
     sim_scene scene = sim_scene::absent;
+    bool textured = false;
     double fps = 0;     // pictures per second reaching the encoder group
 };
 
@@ -70,6 +71,7 @@ struct sim_flow_vda_source {
     int32_t vi = -1;    // the capture channel
     int camera = -1;    // recorder-wide
     sim_scene scene = sim_scene::absent;
+    bool textured = false;
     double fps = 0;     // pictures per second it receives
     int64_t since_us = 0;  // host clock from which the channel delivers
 };

@@ -43,6 +43,18 @@ bool on_number(const std::string& text, int x, int y, int w, int h)
     return (row >> (4 - col)) & 1;
 }
 
+// A textured background: the ramp at half its slope, 80 .. 112, with a
+// fixed pseudo-random grain of +-32 per sample (48 .. 144), the same in
+// every picture.
+uint8_t textured(int x, int y, int w, int h, int camera)
+{
+    uint32_t v = static_cast<uint32_t>(x) * 73856093u ^ static_cast<uint32_t>(y) * 19349663u ^
+                 static_cast<uint32_t>(camera) * 83492791u;
+    v *= 2654435761u;
+    const int grain = static_cast<int>((v >> 24) % 65) - 32;
+    return static_cast<uint8_t>(80 + (background(x, y, w, h) - 56) / 2 + grain);
+}
+
 }  // namespace
 
 int sim_scene_bar_width(int w)
@@ -59,7 +71,7 @@ int sim_scene_bar_x(sim_scene kind, int64_t t_us, int w)
     return static_cast<int>(phase * span / SIM_SCENE_SWEEP_US);
 }
 
-sim_scene_painter::sim_scene_painter(int camera, sim_scene kind, int width, int height)
+sim_scene_painter::sim_scene_painter(int camera, sim_scene kind, int width, int height, bool texture)
     : kind_(kind),
       width_(width),
       height_(height),
@@ -74,7 +86,9 @@ sim_scene_painter::sim_scene_painter(int camera, sim_scene kind, int width, int 
     for (int y = 0; y < height; ++y)
         for (int x = 0; x < width; ++x)
             luma_[static_cast<size_t>(y) * width + x] =
-                on_number(text, x, y, width, height) ? k_digit_luma : background(x, y, width, height);
+                on_number(text, x, y, width, height) ? k_digit_luma
+                                                     : texture ? textured(x, y, width, height, camera)
+                                                               : background(x, y, width, height);
 }
 
 bool sim_scene_painter::render(int64_t t_us, const sim_picture& pic) const

@@ -41,7 +41,8 @@ int sim_scene_bar_width(int w);
 // each picture is row copies and the bar.
 class sim_scene_painter {
 public:
-    sim_scene_painter(int camera, sim_scene kind, int width, int height);
+    // textured: a fixed fine texture over the background (the camera's own).
+    sim_scene_painter(int camera, sim_scene kind, int width, int height, bool textured = false);
 
     // Renders the picture at t_us into pic (of the painter's size). An absent
     // camera renders nothing and answers false.

@@ -32,6 +32,7 @@ struct watch {
     std::shared_ptr<sim_vda_queue> queue;
     int camera = -1;
     sim_scene scene = sim_scene::absent;
+    bool textured = false;
     int32_t vi = -1;
     double fps = 0;
     int64_t start_us = 0;   // host clock of the channel's picture 0
@@ -92,12 +93,14 @@ private:
             const int cell = c.attr.mb_size == VDA_MB_16PIXEL ? 16 : 8;
             const int width = static_cast<int>(c.attr.width), height = static_cast<int>(c.attr.height);
             if (!w.on || w.session != c.session || w.queue != c.queue || w.vi != src.vi || w.fps != src.fps ||
-                w.start_us != start || w.camera != src.camera || w.scene != src.scene || w.width != width ||
-                w.height != height) {
+                w.start_us != start || w.camera != src.camera || w.scene != src.scene ||
+                w.textured != src.textured || w.width != width || w.height != height) {
                 // A new run of pictures: the first result compares with its
                 // picture 0.
-                if (w.camera != src.camera || w.scene != src.scene || w.width != width || w.height != height)
-                    w.painter = std::make_unique<sim_scene_painter>(src.camera, src.scene, width, height);
+                if (w.camera != src.camera || w.scene != src.scene || w.textured != src.textured ||
+                    w.width != width || w.height != height)
+                    w.painter =
+                        std::make_unique<sim_scene_painter>(src.camera, src.scene, width, height, src.textured);
                 w.on = true;
                 w.session = c.session;
                 w.queue = c.queue;
@@ -106,6 +109,7 @@ private:
                 w.start_us = start;
                 w.camera = src.camera;
                 w.scene = src.scene;
+                w.textured = src.textured;
                 w.width = width;
                 w.height = height;
                 w.cell = cell;

@@ -37,6 +37,7 @@ struct jpeg_job {
     std::shared_ptr<sim_venc_ring> ring;
     int camera = 0;
     sim_scene scene = sim_scene::absent;
+    bool textured = false;
     int width = 0, height = 0;
     int quality = 0;
     double src_fps = 0;  // pictures per second reaching the group
@@ -118,6 +119,7 @@ private:
             j.ring = c.ring;
             j.camera = src.camera;
             j.scene = src.scene;
+            j.textured = src.textured;
             j.width = static_cast<int>(c.attr.jpeg.pic_width);
             j.height = static_cast<int>(c.attr.jpeg.pic_height);
             j.quality = static_cast<int>(c.jpeg.qfactor);
@@ -184,10 +186,11 @@ private:
     // The still part of a camera's scene is drawn once per size.
     const sim_scene_painter& painter(const jpeg_job& j)
     {
-        auto key = std::make_tuple(j.camera, static_cast<int>(j.scene), j.width, j.height);
+        auto key = std::make_tuple(j.camera, static_cast<int>(j.scene), j.textured, j.width, j.height);
         auto it = painters_.find(key);
         if (it == painters_.end())
-            it = painters_.emplace(key, std::make_unique<sim_scene_painter>(j.camera, j.scene, j.width, j.height))
+            it = painters_.emplace(key, std::make_unique<sim_scene_painter>(j.camera, j.scene, j.width, j.height,
+                                                                           j.textured))
                      .first;
         return *it->second;
     }
@@ -198,7 +201,7 @@ private:
     std::thread thread_;
     std::atomic<uint64_t> pictures_{0};
     std::array<jpeg_play, VENC_MAX_CHN_NUM> plays_;
-    std::map<std::tuple<int, int, int, int>, std::unique_ptr<sim_scene_painter>> painters_;
+    std::map<std::tuple<int, int, bool, int, int>, std::unique_ptr<sim_scene_painter>> painters_;
     std::vector<uint8_t> frame_, jpeg_;
 };
 

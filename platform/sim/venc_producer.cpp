@@ -39,7 +39,7 @@ struct key_less {
     bool operator()(const sim_loop_key& a, const sim_loop_key& b) const
     {
         auto tie = [](const sim_loop_key& k) {
-            return std::tie(k.camera, k.scene, k.width, k.height, k.gop, k.kbps, k.mfps, k.covers, k.cover_rects);
+            return std::tie(k.camera, k.scene, k.textured, k.width, k.height, k.gop, k.kbps, k.mfps, k.covers, k.cover_rects);
         };
         return tie(a) < tie(b);
     }
@@ -248,6 +248,7 @@ private:
             sim_loop_key key;
             key.camera = src.camera;
             key.scene = src.scene;
+            key.textured = src.textured;
             key.width = h.pic_width;
             key.height = h.pic_height;
             key.gop = c.attr.rc.gop;

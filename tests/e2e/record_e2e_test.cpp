@@ -3,10 +3,11 @@
 // whole (no frame lost, repeated or reordered from its first key frame), in
 // record buffers that keep their rules, at the configured rates, as H.264
 // that decodes to the configured sizes, and no slave's frames may reach the
-// other's files.
+// other's files. Every camera sends about one snapshot a second.
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <cstdio>
 #include <string>
 
@@ -29,6 +30,15 @@ constexpr int MISSING_S = 3;
 constexpr int CAMERAS = 8;
 constexpr int MISSING_S = 1;
 #endif
+// Snapshots whose arrival falls in the recording window, per camera: one a
+// second, one more at most. Under the sanitizers the slave cannot hold the
+// pace; there only the upper bound stays tight.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr int SNAPSHOTS_AT_LEAST = SECONDS / 4;
+#else
+constexpr int SNAPSHOTS_AT_LEAST = SECONDS - 5;
+#endif
+constexpr int SNAPSHOTS_AT_MOST = SECONDS + 1;
 // The board replays loops of at most a few seconds: the first camera's
 // files are decoded for longer than a loop, every other file through its
 // second IDR picture (decoding every picture would take minutes).
@@ -54,6 +64,26 @@ TEST(record_e2e, two_slaves_record_a_minute_of_every_stream_whole_at_its_rate_an
     EXPECT_EQ(s.all_violations(), 0u);
     for (const std::string& p : s.problems)
         ADD_FAILURE() << p;
+
+    // Snapshots: counted by arrival within the recording window; every
+    // transfer within the batch limits.
+    size_t fewest = SIZE_MAX, most = 0;
+    for (const slave_plan& sp : o.plan.slaves) {
+        for (int c = 0; c < sp.cameras; ++c) {
+            const int cam = sp.cam_base + c;
+            const size_t n = s.snapshots_of(sp.chip, cam, s.began_at, s.ended_at);
+            fewest = std::min(fewest, n);
+            most = std::max(most, n);
+            EXPECT_GE(n, static_cast<size_t>(SNAPSHOTS_AT_LEAST)) << "slave " << sp.chip << " camera " << cam;
+            EXPECT_LE(n, static_cast<size_t>(SNAPSHOTS_AT_MOST)) << "slave " << sp.chip << " camera " << cam;
+        }
+    }
+    for (const snapshot_transfer& t : s.snapshot_transfers) {
+        EXPECT_LE(t.pictures, 9u);
+        EXPECT_LE(t.bytes, 2096127u);
+    }
+    std::fprintf(stderr, "-- snapshots in the %.1f s window: %zu to %zu per camera; %zu in %zu transfers in all\n",
+                 s.ended_at - s.began_at, fewest, most, s.snapshots.size(), s.snapshot_transfers.size());
 
     const stream_type types[] = {stream_type::rec, stream_type::reclow, stream_type::netlow, stream_type::copy};
     for (const slave_plan& sp : o.plan.slaves) {

@@ -403,6 +403,45 @@ TEST_F(master_test, a_recorder_is_set_up_command_by_command_and_a_refusal_is_rep
     EXPECT_NEAR(static_cast<double>(u.t), static_cast<double>(now), 5e6);
 }
 
+TEST_F(master_test, a_recorder_gives_a_camera_its_own_format_or_leaves_its_rec_off_and_the_jpeg_switch_as_planned)
+{
+    connect_slave();
+    record_plan plan;
+    plan.md_threshold = -1;
+    plan.overlay = false;
+    plan.jpeg_switch = false;
+    plan.cameras = {{8, 704, 576, false}, {9, 0, 0, true}};
+    slave_plan sp{1, 8, 2, 8};
+    auto done = std::async(std::launch::async, [&] { return configure_recorder(*m_, sp, plan, WAIT); });
+    std::vector<std::pair<uint32_t, std::vector<uint8_t>>> got;
+    const fake_port& cal = port(PORT_CAL);
+    while (got.empty() || got.back().first != CMD_UPDATE_ENC_VIDEO) {
+        std::vector<uint8_t> req = cal.recv();
+        ASSERT_GE(req.size(), MSG_HEAD_SIZE);
+        msg_head_t h = load_prefix<msg_head_t>(req);
+        got.emplace_back(h.cmd, std::vector<uint8_t>(req.begin() + MSG_HEAD_SIZE, req.end()));
+        ASSERT_TRUE(cal.send(req));
+    }
+    EXPECT_TRUE(done.get().empty());
+    std::vector<std::pair<int32_t, int32_t>> formats;
+    std::vector<std::vector<uint32_t>> runs(2);  // per camera: kind, onoff
+    for (const auto& [cmd, payload] : got) {
+        if (cmd == CMD_SET_VINCAPS) {
+            vincaps_t c = load_at<vincaps_t>(payload, 0);
+            formats.emplace_back(c.xres, c.yres);
+        } else if (cmd == CMD_RUN_ENC_VIDEO) {
+            run_video_t r = load_at<run_video_t>(payload, 0);
+            ASSERT_TRUE(r.cam == 8 || r.cam == 9);
+            runs[r.cam - 8].push_back(r.kind * 10 + r.onoff);
+        }
+    }
+    EXPECT_EQ(formats, (std::vector<std::pair<int32_t, int32_t>>{{704, 576}, {0, 0}}));
+    // Camera 8: NET LOW and REC LOW on, no REC nor its copy; camera 9 all
+    // of them. Both JPEG switches off.
+    EXPECT_EQ(runs[0], (std::vector<uint32_t>{41, 61, 20}));
+    EXPECT_EQ(runs[1], (std::vector<uint32_t>{1, 41, 51, 61, 20}));
+}
+
 TEST_F(master_test, a_recorder_sets_every_cameras_threshold_and_the_masks_of_its_own_cameras)
 {
     connect_slave();

@@ -4,6 +4,7 @@
 // windows the way a slave's transfers leave them.
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <ctime>
 #include <filesystem>
 #include <fstream>
@@ -255,9 +256,52 @@ TEST_F(recorder_test, record_frames_go_in_order_to_their_camera_and_stream_files
     EXPECT_NEAR(rec8->frame_rate, 30.0, 0.01);
     EXPECT_NEAR(rec8->kbps, static_cast<double>(rec8->bytes) * 8 / (4.0 / 30) / 1000, 0.01);
     EXPECT_EQ(s.streams.size(), 32u);
+    // 32 streams and every camera's snapshots.
     recorder::progress_t p = r.progress();
-    EXPECT_EQ(p.expected, 32u);
+    EXPECT_EQ(p.expected, 40u);
     EXPECT_EQ(p.started, 4u);
+}
+
+TEST_F(recorder_test, cameras_of_their_own_plan_and_snapshots_with_their_arrival_switch_and_transfer)
+{
+    // Camera 9 has its REC off, camera 10 no input.
+    plan_.cameras = {{9, 1920, 1080, false}, {10, 0, 0, true}};
+    recorder r(plan_);
+    std::string err;
+    ASSERT_EQ(r.open(&err), 0) << err;
+    record_summary s = r.summary();
+    EXPECT_EQ(s.streams.size(), 32u - 2 - 4);
+    EXPECT_EQ(s.find(2, 9, stream_type::rec), nullptr);
+    EXPECT_EQ(s.find(2, 9, stream_type::copy), nullptr);
+    EXPECT_NE(s.find(2, 9, stream_type::reclow), nullptr);
+    EXPECT_EQ(s.find(2, 10, stream_type::netlow), nullptr);
+    EXPECT_EQ(r.progress().expected, 26u + 6);
+    EXPECT_EQ(r.snapshots_missing().size(), 6u);
+
+    // Two pictures of one transfer: camera 8 with its switch off, 11 on.
+    const uint32_t t = static_cast<uint32_t>(now_);
+    const uint8_t pictures[13] = {0xFF, 0xD8, 1, 2, 3, 0xFF, 0xD8, 4, 5, 6, 7, 8, 9};
+    std::memcpy(mem_[0].data(), pictures, sizeof(pictures));
+    jpeg_note_t n{0, 13, 2, {8, 11}, {{0, t, 5, 0}, {1, t, 8, 5}}};
+    r.take_jpeg(2, parse_jpeg(bytes_of(n), ws_), ws_[0], 1000.5);
+    s = r.summary();
+    ASSERT_EQ(s.snapshot_transfers.size(), 1u);
+    EXPECT_EQ(s.snapshot_transfers[0].pictures, 2u);
+    EXPECT_EQ(s.snapshot_transfers[0].bytes, 13u);
+    EXPECT_EQ(s.snapshot_transfers[0].cameras, (std::vector<int>{8, 11}));
+    ASSERT_EQ(s.snapshots.size(), 2u);
+    EXPECT_EQ(s.snapshots[0].camera, 8);
+    EXPECT_EQ(s.snapshots[0].jpg_on, 0u);
+    EXPECT_EQ(s.snapshots[1].jpg_on, 1u);
+    EXPECT_EQ(s.snapshots[1].len, 8u);
+    EXPECT_EQ(s.snapshots[1].arrival, 1000.5);
+    EXPECT_EQ(s.snapshots[1].file, "slave2/snap/cam11-" + std::to_string(t) + ".jpg");
+    EXPECT_EQ(file(s.snapshots[1].file), std::string(pictures + 5, pictures + 13));
+    EXPECT_EQ(s.snapshots_of(2, 11, 1000, 1001), 1u);
+    EXPECT_EQ(s.snapshots_of(2, 11, 1000.6, 1001), 0u);
+    EXPECT_EQ(s.snapshots_of(1, 11, 1000, 1001), 0u);
+    EXPECT_EQ(r.progress().started, 2u);
+    EXPECT_EQ(r.snapshots_missing().size(), 4u);
 }
 
 TEST_F(recorder_test, record_index_violations_are_found_and_listed_on_their_stream)

@@ -11,9 +11,11 @@
 #include <atomic>
 #include <chrono>
 #include <functional>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <sstream>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -70,6 +72,44 @@ TEST(sim_scene_test, luma_stays_in_range_and_the_bar_sweeps_on_a_moving_camera_o
     ASSERT_TRUE(sim_scene_render(12, sim_scene::still, 3000000, pic));
     EXPECT_EQ(bar_columns().front(), (w - w / 8) / 2);
     EXPECT_FALSE(sim_scene_render(12, sim_scene::absent, 0, pic));
+}
+
+TEST(sim_scene_test, a_textured_camera_keeps_its_grain_in_range_and_in_place)
+{
+    const int w = 176, h = 144;
+    std::vector<uint8_t> a(w * h * 3 / 2), b(w * h * 3 / 2);
+    sim_picture pa{w, h, a.data(), w, a.data() + w * h, a.data() + w * h + w * h / 4, w / 2, 1};
+    sim_picture pb{w, h, b.data(), w, b.data() + w * h, b.data() + w * h + w * h / 4, w / 2, 1};
+    // Still: the bar stands in the middle, so every other sample is the
+    // same in both pictures.
+    ASSERT_TRUE(sim_scene_painter(12, sim_scene::still, w, h, true).render(0, pa));
+    ASSERT_TRUE(sim_scene_painter(12, sim_scene::still, w, h, true).render(3000000, pb));
+    EXPECT_EQ(a, b);
+    sim_picture plain = pb;
+    ASSERT_TRUE(sim_scene_render(12, sim_scene::still, 0, plain));
+    int steps_textured = 0, steps_plain = 0;
+    for (int i = 1; i < w * h; ++i) {
+        if (a[i] >= 230)
+            continue;  // the bar
+        ASSERT_GE(a[i], SIM_SCENE_LUMA_MIN) << i;
+        ASSERT_LE(a[i], SIM_SCENE_LUMA_MAX) << i;
+        steps_textured += std::abs(a[i] - a[i - 1]) > 4;
+        steps_plain += std::abs(b[i] - b[i - 1]) > 4;
+    }
+    // Grain nearly everywhere; the plain scene changes only at its edges.
+    EXPECT_GT(steps_textured, w * h / 2);
+    EXPECT_LT(steps_plain, w * h / 10);
+
+    std::vector<std::string> problems;
+    sim_board_conf c = sim_board_conf_parse(
+        "camera 3 1920x1080 p 30 moving textured\ncamera 4 704x576 p 25 still\ncamera 5 704x576 p 25 still grainy\n",
+        &problems);
+    EXPECT_TRUE(c.camera(3).textured);
+    EXPECT_EQ(c.camera(3).scene, sim_scene::moving);
+    EXPECT_FALSE(c.camera(4).textured);
+    ASSERT_EQ(problems.size(), 1u);
+    EXPECT_NE(problems[0].find("board.conf:3:"), std::string::npos) << problems[0];
+    EXPECT_EQ(c.cameras.count(5), 0u);
 }
 
 // ---- the SEI ------------------------------------------------------------------------

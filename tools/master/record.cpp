@@ -26,6 +26,11 @@ uint64_t wall_usec()
             .count());
 }
 
+double wall_seconds()
+{
+    return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
+}
+
 // Collects the failures of the set-up commands.
 struct command_log {
     std::vector<std::string> failed;
@@ -127,10 +132,11 @@ std::vector<std::string> configure_recorder(master& m, const slave_plan& p, cons
     log.check(m.set_time(chip, wall_usec(), timeout), "HSCC_CAL_SetTime", -1);
     for (int c = 0; c < p.cameras; ++c) {
         int cam = p.cam_base + c;
+        const camera_plan cp = plan.camera(cam);
         vincaps_t caps{};
         caps.cam = cam;
-        caps.xres = 1920;
-        caps.yres = 1080;
+        caps.xres = cp.xres;
+        caps.yres = cp.yres;
         caps.prog = 1;
         caps.fps = 30.0;
         log.check(m.set_vincaps(chip, caps, timeout), "HSCC_CAL_SetVincaps", cam);
@@ -152,9 +158,11 @@ std::vector<std::string> configure_recorder(master& m, const slave_plan& p, cons
     }
     for (int c = 0; c < p.cameras; ++c) {
         uint32_t cam = static_cast<uint32_t>(p.cam_base + c);
-        log.check(m.run_enc_video(chip, {KIND_REC, cam, 1, 0}, timeout), "run-video REC", p.cam_base + c);
+        const bool rec = plan.camera(p.cam_base + c).rec;
+        if (rec)
+            log.check(m.run_enc_video(chip, {KIND_REC, cam, 1, 0}, timeout), "run-video REC", p.cam_base + c);
         log.check(m.run_enc_video(chip, {KIND_NET_LOW, cam, 1, 0}, timeout), "run-video NET LOW", p.cam_base + c);
-        if (plan.copy)
+        if (plan.copy && rec)
             log.check(m.run_enc_video(chip, {KIND_COPY, cam, 1, 0}, timeout), "run-video copy", p.cam_base + c);
         log.check(m.run_enc_video(chip, {KIND_REC_LOW, cam, 1, 0}, timeout), "run-video REC LOW", p.cam_base + c);
     }
@@ -162,7 +170,8 @@ std::vector<std::string> configure_recorder(master& m, const slave_plan& p, cons
     // switch before the update that builds REC.
     for (int c = 0; c < p.cameras; ++c) {
         uint32_t cam = static_cast<uint32_t>(p.cam_base + c);
-        log.check(m.run_enc_video(chip, {KIND_JPEG, cam, 1, 0}, timeout), "run-video JPEG", p.cam_base + c);
+        const uint32_t on = plan.jpeg_switch ? 1 : 0;
+        log.check(m.run_enc_video(chip, {KIND_JPEG, cam, on, 0}, timeout), "run-video JPEG", p.cam_base + c);
     }
     if (plan.overlay) {
         std::string err;
@@ -255,14 +264,15 @@ record_summary record(record_options o)
                           (bad.size() > 1 ? " (and " + std::to_string(bad.size() - 1) + " more)" : "");
     }
 
-    // The board's encoder makes its loops first: wait, bounded, until every
-    // configured stream has delivered its first key frame.
+    // The board's encoder makes its loops first and the snapshots begin 5 s
+    // after the slave: wait, bounded, until every configured stream has
+    // delivered its first key frame and every recording camera a snapshot.
     auto t0 = steady::now();
     auto since = [](steady::time_point t) { return std::chrono::duration<double>(steady::now() - t).count(); };
     int next_line = o.progress_every_s;
     bool begun = false;
     if (setup_error.empty()) {
-        say(o, "-- waiting up to %lld s for every stream's first key frame\n",
+        say(o, "-- waiting up to %lld s for every stream's first key frame and snapshot\n",
             static_cast<long long>(std::chrono::duration_cast<seconds>(o.first_key_wait).count()));
         while (!interrupted(o) && steady::now() - t0 < o.first_key_wait) {
             recorder::progress_t p = rec.progress();
@@ -278,17 +288,23 @@ record_summary record(record_options o)
         }
     }
     double waited = since(t0);
+    double began_at = 0, ended_at = 0;
     if (begun) {
         say(o, "-- every stream has begun after %.1f s; recording %d s\n", waited, o.seconds);
         auto t1 = steady::now();
+        began_at = wall_seconds();
         next_line = o.progress_every_s;
+        int next_tick = 1;
         while (!interrupted(o) && since(t1) < o.seconds) {
             std::this_thread::sleep_for(std::chrono::milliseconds(100));
             if (since(t1) >= next_line) {
                 progress_line(o, rec, "recording", since(t1));
                 next_line += o.progress_every_s;
             }
+            if (o.every_second && since(t1) >= next_tick && next_tick < o.seconds)
+                o.every_second(m, next_tick++);
         }
+        ended_at = wall_seconds();
     }
 
     if (begun && o.plan.overlay && !o.plan.out.empty())
@@ -310,6 +326,8 @@ record_summary record(record_options o)
     }
     s.seconds = o.seconds;
     s.waited_s = waited;
+    s.began_at = began_at;
+    s.ended_at = ended_at;
     if (!setup_error.empty()) {
         s.rc = 1;
         s.error = setup_error;
@@ -318,7 +336,7 @@ record_summary record(record_options o)
         recorder::progress_t p = rec.progress();
         s.error = interrupted(o) ? "interrupted"
                                  : std::to_string(p.expected - p.started) + " of " + std::to_string(p.expected) +
-                                       " streams delivered no key frame within the wait:";
+                                       " streams delivered no key frame or snapshot within the wait:";
         int listed = 0;
         for (const stream_summary& x : s.streams) {
             if (interrupted(o) || x.file.empty() || x.key_frames > 0)
@@ -329,6 +347,11 @@ record_summary record(record_options o)
             }
             s.error += " chip " + std::to_string(x.key.chip) + " camera " + std::to_string(x.key.camera) + " " +
                        stream_type_name(x.key.type) + ";";
+        }
+        for (const auto& [chip, cam] : rec.snapshots_missing()) {
+            if (interrupted(o) || ++listed > 8)
+                break;
+            s.error += " chip " + std::to_string(chip) + " camera " + std::to_string(cam) + " snapshots;";
         }
     } else if (interrupted(o)) {
         s.rc = 1;

@@ -8,6 +8,7 @@
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -30,17 +31,23 @@ struct record_options {
     FILE* progress = nullptr;  // progress lines; nullptr: quiet
     FILE* notes_to = nullptr;  // the master's notes
     const volatile std::sig_atomic_t* interrupt = nullptr;  // set: stop early
+    // Called on the recording's thread once per whole second of recording
+    // (1, 2, ...), so a caller can send commands while the streams run.
+    std::function<void(master& m, int second)> every_second;
 };
 
 // Runs a recording and returns its summary; also writes it to
-// <out>/summary.json. rc is 0 when every slave was set up and every
-// configured stream delivered its first key frame.
+// <out>/summary.json. rc is 0 when every slave was set up, every
+// configured stream delivered its first key frame and every camera whose
+// REC runs on an input its first snapshot.
 record_summary record(record_options o);
 
 // Sets up one slave as a recorder does: HSCC_CAL_SetTime (now),
-// HSCC_CAL_SetVincaps 1920x1080 progressive 30 for each camera, set-video
-// REC, REC LOW and NET LOW, run-video on for kinds 0, 4, 5 (when the plan
-// has the copy) and 6, then the update with sync at the system frame rate.
+// HSCC_CAL_SetVincaps progressive 30 for each camera (1920x1080 unless the
+// plan's camera says otherwise), set-video REC, REC LOW and NET LOW,
+// run-video on for kinds 0 (unless the camera's REC is off), 4, 5 (when the
+// plan has the copy and the camera its REC) and 6, the JPEG switch (kind 2)
+// as planned, then the update with sync at the system frame rate.
 // Returns the commands that failed or were refused; empty when all were
 // answered with 0.
 std::vector<std::string> configure_recorder(master& m, const slave_plan& p, const record_plan& plan,

@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cmath>
 #include <cstdarg>
 #include <cstring>
@@ -286,12 +287,46 @@ void check_desc_time(const nbuf_desc_t& d, double now_s, std::vector<std::string
 
 // ---- the recorder ------------------------------------------------------------------------
 
+camera_plan record_plan::camera(int cam) const
+{
+    for (const camera_plan& c : cameras) {
+        if (c.camera == cam)
+            return c;
+    }
+    camera_plan c;
+    c.camera = cam;
+    return c;
+}
+
+bool record_plan::has_input(int cam) const
+{
+    const camera_plan c = camera(cam);
+    return c.xres > 0 && c.yres > 0;
+}
+
+size_t record_summary::snapshots_of(int chip, int camera, double from, double to) const
+{
+    size_t n = 0;
+    for (const snapshot_record& r : snapshots)
+        n += r.chip == chip && r.camera == camera && r.arrival >= from && r.arrival <= to;
+    return n;
+}
+
 recorder::recorder(record_plan plan) : plan_(std::move(plan))
 {
     for (const slave_plan& p : plan_.slaves) {
         for (int c = 0; c < p.cameras; ++c) {
+            // A camera without input sends nothing; one without REC sends
+            // neither REC nor its copy.
+            const camera_plan cam = plan_.camera(p.cam_base + c);
+            if (!plan_.has_input(cam.camera))
+                continue;
+            if (cam.rec)
+                snapshots_begun_[{p.chip, cam.camera}] = false;
             for (stream_type t : {stream_type::rec, stream_type::reclow, stream_type::netlow, stream_type::copy}) {
                 if (t == stream_type::copy && !plan_.copy)
+                    continue;
+                if ((t == stream_type::rec || t == stream_type::copy) && !cam.rec)
                     continue;
                 stream_key k{p.chip, p.cam_base + c, t};
                 auto [it, _] = streams_.try_emplace(k, stream_state{stream_check(k, setting_of(t), chn_of(p, k.camera, t)),
@@ -399,17 +434,28 @@ void recorder::take(const notification& n, std::span<const uint8_t> written)
     else if (const auto* b = std::get_if<network_batch>(&n.parsed))
         take_network(n.chip, *b, written, now);
     else if (const auto* j = std::get_if<jpeg_batch>(&n.parsed))
-        take_jpeg(n.chip, *j, written);
+        take_jpeg(n.chip, *j, written,
+                  std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count());
 }
 
-void recorder::take_jpeg(int chip, const jpeg_batch& b, std::span<const uint8_t> written)
+void recorder::take_jpeg(int chip, const jpeg_batch& b, std::span<const uint8_t> written, double arrival)
 {
-    if (plan_.out.empty() || b.check.rejected)
+    if (b.check.rejected)
         return;
     std::lock_guard lk(mu_);
+    snapshot_transfer t{chip, arrival, b.count, b.bytes, {}};
+    for (const jpeg_picture& p : b.pictures)
+        t.cameras.push_back(static_cast<int>(p.stream));
+    snapshot_transfers_.push_back(std::move(t));
     const std::string dir = plan_.out + "/slave" + std::to_string(chip) + "/snap/";
     for (const jpeg_picture& p : b.pictures) {
         if (static_cast<uint64_t>(p.desc.data) + p.desc.len > written.size())
+            continue;
+        if (auto it = snapshots_begun_.find({chip, static_cast<int>(p.stream)}); it != snapshots_begun_.end())
+            it->second = true;
+        snapshot_record& r = snapshots_.emplace_back();
+        r = {chip, static_cast<int>(p.stream), p.desc.jpg_on, p.desc.time, p.desc.len, arrival, {}};
+        if (plan_.out.empty())
             continue;
         char name[64];
         std::snprintf(name, sizeof(name), "cam%02u-%u.jpg", p.stream, p.desc.time);
@@ -419,6 +465,7 @@ void recorder::take_jpeg(int chip, const jpeg_batch& b, std::span<const uint8_t>
             std::snprintf(name, sizeof(name), "cam%02u-%u-%d.jpg", p.stream, p.desc.time, k);
             path = dir + name;
         }
+        r.file = path.substr(plan_.out.size() + 1);
         std::ofstream f(path, std::ios::binary);
         f.write(reinterpret_cast<const char*>(written.data() + p.desc.data), p.desc.len);
         if (!f && !write_failed_) {
@@ -530,7 +577,22 @@ recorder::progress_t recorder::progress() const
         p.bytes += s.check.bytes;
         p.violations += s.check.problems().count;
     }
+    for (const auto& [k, begun] : snapshots_begun_) {
+        ++p.expected;
+        p.started += begun ? 1 : 0;
+    }
     return p;
+}
+
+std::vector<std::pair<int, int>> recorder::snapshots_missing() const
+{
+    std::lock_guard lk(mu_);
+    std::vector<std::pair<int, int>> out;
+    for (const auto& [k, begun] : snapshots_begun_) {
+        if (!begun)
+            out.push_back(k);
+    }
+    return out;
 }
 
 record_summary recorder::summary() const
@@ -540,6 +602,8 @@ record_summary recorder::summary() const
     r.out = plan_.out;
     r.record_buffers = record_buffers_;
     r.network_batches = network_batches_;
+    r.snapshots = snapshots_;
+    r.snapshot_transfers = snapshot_transfers_;
     r.violations = problems_.count;
     r.problems = problems_.kept;
     if (problems_.count > problems_.kept.size())
@@ -612,6 +676,8 @@ std::string summary_json(const record_summary& s)
     j += "  \"waited_s\": " + json_number(s.waited_s) + ",\n";
     j += "  \"record_buffers\": " + std::to_string(s.record_buffers) + ",\n";
     j += "  \"network_batches\": " + std::to_string(s.network_batches) + ",\n";
+    j += "  \"snapshots\": " + std::to_string(s.snapshots.size()) + ",\n";
+    j += "  \"snapshot_transfers\": " + std::to_string(s.snapshot_transfers.size()) + ",\n";
     j += "  \"violations\": " + std::to_string(s.all_violations()) + ",\n";
     j += "  \"problems\": [";
     for (size_t i = 0; i < s.problems.size(); ++i)

@@ -76,8 +76,19 @@ struct mask_plan {
     double x = 0, y = 0, w = 0, h = 0;
 };
 
+// A camera that differs from the recorder's defaults.
+struct camera_plan {
+    int camera = 0;  // recorder-wide
+    // Its capture format (HSCC_CAL_SetVincaps); 0 x 0: no input, so no
+    // stream of it is expected.
+    uint16_t xres = 1920;
+    uint16_t yres = 1080;
+    bool rec = true;  // REC and its copy switched on
+};
+
 struct record_plan {
     std::vector<slave_plan> slaves;
+    std::vector<camera_plan> cameras;  // the cameras not listed take the defaults
     int md_threshold = 10;         // every camera's motion threshold; -1: not set
     std::vector<mask_plan> masks;  // set after the cameras' formats
     int sys_fps = 30;  // the update's system frame rate
@@ -91,6 +102,11 @@ struct record_plan {
     bool overlay = true;
     int date_fmt = 0;
     int hour12 = 0;
+    // Every camera's JPEG switch (run-video kind 2) at set-up.
+    bool jpeg_switch = true;
+
+    camera_plan camera(int cam) const;  // its override, or the defaults
+    bool has_input(int cam) const;      // a capture format of some size
 };
 
 // Appends access units to an Annex B file, in the order given.
@@ -176,6 +192,26 @@ struct stream_summary {
     std::vector<std::string> problems;
 };
 
+// One snapshot as the recorder received it.
+struct snapshot_record {
+    int chip = 0;
+    int camera = 0;        // recorder-wide, the batch's stream number
+    uint32_t jpg_on = 0;   // the descriptor's JPEG switch
+    uint32_t time = 0;     // the descriptor's time (slave clock)
+    uint32_t len = 0;
+    double arrival = 0;    // master's wall clock, seconds since the epoch
+    std::string file;      // relative to the output folder; empty when none
+};
+
+// One snapshot transfer (a 0x60000 notification).
+struct snapshot_transfer {
+    int chip = 0;
+    double arrival = 0;  // master's wall clock, seconds since the epoch
+    uint32_t pictures = 0;
+    uint32_t bytes = 0;
+    std::vector<int> cameras;  // in the batch's order
+};
+
 struct record_summary {
     int rc = 0;          // 0: set up, recorded and every stream delivered
     std::string error;   // why rc is not 0
@@ -190,8 +226,16 @@ struct record_summary {
     uint64_t motion_reports = 0;
     std::string motion_log;               // relative to out; empty when none
     std::vector<std::string> motion_maps;  // heat maps, relative to out
+    std::vector<snapshot_record> snapshots;  // in arrival order
+    std::vector<snapshot_transfer> snapshot_transfers;
+    // The recording window after every stream had begun, on the master's
+    // wall clock (seconds since the epoch); 0 when it never began.
+    double began_at = 0;
+    double ended_at = 0;
 
     uint64_t all_violations() const;
+    // Snapshots of a camera that arrived within [from, to].
+    size_t snapshots_of(int chip, int camera, double from, double to) const;
     const stream_summary* find(int chip, int camera, stream_type t) const;
 };
 
@@ -215,11 +259,13 @@ public:
     void take_record(int chip, const record_batch& b, std::span<const uint8_t> written, double now_s);
     void take_network(int chip, const network_batch& b, std::span<const uint8_t> written, double now_s);
     // Keeps every snapshot as <out>/slave<chip>/snap/cam<NN>-<time>.jpg.
-    void take_jpeg(int chip, const jpeg_batch& b, std::span<const uint8_t> written);
+    void take_jpeg(int chip, const jpeg_batch& b, std::span<const uint8_t> written, double arrival);
     void finish();  // closes the files
 
+    // A camera whose REC runs on an input sends snapshots too: they count as
+    // one more stream, begun with its first snapshot.
     struct progress_t {
-        size_t started = 0;   // configured streams past their first key frame
+        size_t started = 0;   // configured streams past their first key frame or snapshot
         size_t expected = 0;  // configured streams
         uint64_t frames = 0;
         uint64_t bytes = 0;
@@ -228,6 +274,8 @@ public:
     progress_t progress() const;
     record_summary summary() const;
     const record_plan& plan() const { return plan_; }
+    // The cameras, {chip, camera}, whose snapshots have not begun.
+    std::vector<std::pair<int, int>> snapshots_missing() const;
 
 private:
     struct stream_state {
@@ -249,6 +297,9 @@ private:
     uint64_t record_buffers_ = 0;
     uint64_t network_batches_ = 0;
     uint64_t snapshots_kept_ = 0;
+    std::vector<snapshot_record> snapshots_;
+    std::vector<snapshot_transfer> snapshot_transfers_;
+    std::map<std::pair<int, int>, bool> snapshots_begun_;  // {chip, camera}: expected ones
     bool write_failed_ = false;
 };
 
