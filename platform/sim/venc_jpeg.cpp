@@ -21,6 +21,7 @@
 #include "platform/sim/cover_paint.h"
 #include "platform/sim/picture_flow.h"
 #include "platform/sim/scene.h"
+#include "platform/sim/sim_worker.h"
 #include "platform/sim/sys_sim.h"
 #include "platform/sim/venc_ring.h"
 
@@ -57,22 +58,15 @@ class jpeg_producer {
 public:
     void start()
     {
-        stop_ = false;
         pictures_ = 0;
         plays_ = {};
         painters_.clear();
-        thread_ = std::thread([this] { run(); });
+        w_.start([this] { run(); });
     }
 
     void stop()
     {
-        {
-            std::lock_guard lock(mutex_);
-            stop_ = true;
-        }
-        cv_.notify_all();
-        if (thread_.joinable())
-            thread_.join();
+        w_.join();
         plays_ = {};
         painters_.clear();
     }
@@ -83,10 +77,10 @@ private:
     void run()
     {
         pthread_setname_np(pthread_self(), "sim_venc_jpeg");
-        std::unique_lock lock(mutex_);
+        std::unique_lock lock(w_.mutex);
         uint64_t seen = ~uint64_t{0};
         std::vector<jpeg_job> jobs;
-        while (!stop_) {
+        while (!w_.stop) {
             lock.unlock();
             const uint64_t gen = sim_media_generation();
             if (gen != seen) {
@@ -95,8 +89,8 @@ private:
             }
             const int64_t wake = produce(jobs);
             lock.lock();
-            if (!stop_)
-                cv_.wait_for(lock, std::chrono::microseconds(std::max<int64_t>(0, wake - sim_media_now_us())));
+            if (!w_.stop)
+                w_.cv.wait_for(lock, std::chrono::microseconds(std::max<int64_t>(0, wake - sim_media_now_us())));
         }
     }
 
@@ -195,10 +189,7 @@ private:
         return *it->second;
     }
 
-    std::mutex mutex_;
-    std::condition_variable cv_;
-    bool stop_ = false;
-    std::thread thread_;
+    sim_worker w_;
     std::atomic<uint64_t> pictures_{0};
     std::array<jpeg_play, VENC_MAX_CHN_NUM> plays_;
     std::map<std::tuple<int, int, bool, int, int>, std::unique_ptr<sim_scene_painter>> painters_;
