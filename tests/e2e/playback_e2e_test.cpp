@@ -11,47 +11,7 @@
 
 namespace {
 
-class playback_e2e_test : public ::testing::Test {
-protected:
-    static void SetUpTestSuite()
-    {
-        recorded_ = new temp_board_dir;
-        recorded_->share_cache();
-        tmaster::record_options o;
-        o.board = recorded_->path();
-        o.slave = TARVO_SLAVE_BINARY;
-        o.plan.slaves.push_back({1, 0, 4, 4});
-        o.plan.rec = {704, 576, 25, 2, 1};
-        o.plan.out = recorded_->file("rec");
-        o.seconds = 6;
-        summary_ = tmaster::record(o).rc;
-    }
-    static void TearDownTestSuite()
-    {
-        delete recorded_;
-        recorded_ = nullptr;
-    }
-
-    tmaster::play_options options(const temp_board_dir& board) const
-    {
-        tmaster::play_options o;
-        o.board = board.path();
-        o.slave = TARVO_SLAVE_BINARY;
-        o.recording = recorded_->file("rec");
-        o.cameras = 4;
-        o.slave_cam = 4;
-        o.num_vin = 4;
-        o.width = 704;
-        o.height = 576;
-        return o;
-    }
-
-    static temp_board_dir* recorded_;
-    static int summary_;
-};
-
-temp_board_dir* playback_e2e_test::recorded_ = nullptr;
-int playback_e2e_test::summary_ = -1;
+using playback_e2e_test = recorded_playback_test<4, 704, 576, 25>;
 
 TEST_F(playback_e2e_test, every_frame_from_the_first_key_frame_on_is_decoded)
 {

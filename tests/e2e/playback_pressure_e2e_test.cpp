@@ -41,44 +41,7 @@ constexpr double HELD_ALLOWANCE_MB = 96;
 constexpr int CAMERAS = 2;
 constexpr int FRAMES_PER_RECORD = 20;  // 10 per camera: a third of a second of video
 
-class playback_pressure_e2e_test : public ::testing::Test {
-protected:
-    static void SetUpTestSuite()
-    {
-        recorded_ = new temp_board_dir;
-        recorded_->share_cache();
-        tmaster::record_options o;
-        o.board = recorded_->path();
-        o.slave = TARVO_SLAVE_BINARY;
-        o.plan.slaves.push_back({1, 0, CAMERAS, CAMERAS});
-        o.plan.out = recorded_->file("rec");
-        o.seconds = 6;
-        summary_ = tmaster::record(o).rc;
-    }
-    static void TearDownTestSuite()
-    {
-        delete recorded_;
-        recorded_ = nullptr;
-    }
-
-    tmaster::play_options options(const temp_board_dir& board) const
-    {
-        tmaster::play_options o;
-        o.board = board.path();
-        o.slave = TARVO_SLAVE_BINARY;
-        o.recording = recorded_->file("rec");
-        o.cameras = CAMERAS;
-        o.slave_cam = CAMERAS;
-        o.num_vin = CAMERAS;
-        return o;
-    }
-
-    static temp_board_dir* recorded_;
-    static int summary_;
-};
-
-temp_board_dir* playback_pressure_e2e_test::recorded_ = nullptr;
-int playback_pressure_e2e_test::summary_ = -1;
+using playback_pressure_e2e_test = recorded_playback_test<CAMERAS, 1920, 1080, 30>;
 
 double mean_mb(std::vector<size_t>::const_iterator a, std::vector<size_t>::const_iterator b)
 {

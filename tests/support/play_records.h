@@ -13,7 +13,51 @@
 
 #include "master/h264.h"
 #include "master/play.h"
+#include "master/record.h"
 #include "tests/support/test_board.h"
+
+// A suite whose tests play back one recording: a slave of Cameras cameras
+// records REC at Width x Height and Fps for 6 s once for the whole suite;
+// each test plays it on a board of its own.
+template <int Cameras, uint16_t Width, uint16_t Height, int Fps>
+class recorded_playback_test : public ::testing::Test {
+protected:
+    static void SetUpTestSuite()
+    {
+        recorded_ = new temp_board_dir;
+        recorded_->share_cache();
+        tmaster::record_options o;
+        o.board = recorded_->path();
+        o.slave = TARVO_SLAVE_BINARY;
+        o.plan.slaves.push_back({1, 0, Cameras, Cameras});
+        o.plan.rec = {Width, Height, Fps, 2, 1};
+        o.plan.out = recorded_->file("rec");
+        o.seconds = 6;
+        summary_ = tmaster::record(o).rc;
+    }
+    static void TearDownTestSuite()
+    {
+        delete recorded_;
+        recorded_ = nullptr;
+    }
+
+    tmaster::play_options options(const temp_board_dir& board) const
+    {
+        tmaster::play_options o;
+        o.board = board.path();
+        o.slave = TARVO_SLAVE_BINARY;
+        o.recording = recorded_->file("rec");
+        o.cameras = Cameras;
+        o.slave_cam = Cameras;
+        o.num_vin = Cameras;
+        o.width = Width;
+        o.height = Height;
+        return o;
+    }
+
+    static inline temp_board_dir* recorded_ = nullptr;
+    static inline int summary_ = -1;
+};
 
 // One camera's access units from its first key frame on.
 struct recorded_stream {

@@ -1,7 +1,9 @@
 // Helpers the master's own source files share; not part of its interface.
 #pragma once
 
+#include <cstdarg>
 #include <cstdint>
+#include <cstdio>
 
 #include "master/wire.h"
 
@@ -23,6 +25,20 @@ inline const char* port_name(int port)
     case PORT_DEC: return "107 (playback)";
     default: return "?";
     }
+}
+
+// A progress line of a long-running command, written and flushed at once;
+// nothing when no progress stream was asked for.
+inline void say_progress(FILE* progress, const char* fmt, ...) __attribute__((format(printf, 2, 3)));
+inline void say_progress(FILE* progress, const char* fmt, ...)
+{
+    if (progress == nullptr)
+        return;
+    va_list ap;
+    va_start(ap, fmt);
+    std::vfprintf(progress, fmt, ap);
+    va_end(ap);
+    std::fflush(progress);
 }
 
 }  // namespace tmaster

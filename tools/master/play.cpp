@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <condition_variable>
-#include <cstdarg>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -15,6 +14,7 @@
 #include <utility>
 
 #include "master/h264.h"
+#include "master/internal.h"
 #include "master/master.h"
 
 namespace tmaster {
@@ -276,18 +276,6 @@ size_t proc_rss_kb(pid_t pid)
 
 namespace {
 
-void say(const play_options& o, const char* fmt, ...) __attribute__((format(printf, 2, 3)));
-void say(const play_options& o, const char* fmt, ...)
-{
-    if (o.progress == nullptr)
-        return;
-    va_list ap;
-    va_start(ap, fmt);
-    std::vfprintf(o.progress, fmt, ap);
-    va_end(ap);
-    std::fflush(o.progress);
-}
-
 std::vector<uint8_t> read_bytes(const std::string& path)
 {
     std::ifstream f(path, std::ios::binary);
@@ -445,7 +433,7 @@ play_summary play(const play_options& o)
     const pid_t pid = start_playback(m, o, &err);
     if (pid < 0)
         return fail(err);
-    say(o, "-- chip %d: playback started, %d camera(s)\n", o.chip, o.cameras);
+    say_progress(o.progress, "-- chip %d: playback started, %d camera(s)\n", o.chip, o.cameras);
 
     if (o.idle.count() > 0) {
         const double idle0 = proc_cpu_s(pid, true);
@@ -535,7 +523,7 @@ play_summary play(const play_options& o)
     if (!send(true))
         return fail("a playback transfer got no answer");
     s.seconds = std::chrono::duration<double>(steady::now() - t0).count();
-    say(o, "-- %llu transfer(s), %llu record(s), %.1f MB in %.1f s; longest answer %.0f ms\n",
+    say_progress(o.progress, "-- %llu transfer(s), %llu record(s), %.1f MB in %.1f s; longest answer %.0f ms\n",
         static_cast<unsigned long long>(s.transfers), static_cast<unsigned long long>(s.records),
         static_cast<double>(s.bytes) / 1e6, s.seconds, s.max_hold_ms);
 

@@ -3,13 +3,13 @@
 #include "master/motion.h"
 
 #include <cerrno>
-#include <cstdarg>
 #include <cstring>
 #include <fstream>
 #include <iterator>
 #include <sstream>
 #include <thread>
 
+#include "master/internal.h"
 #include "master/master.h"
 #include "master/overlay.h"
 
@@ -65,22 +65,10 @@ bool interrupted(const record_options& o)
     return o.interrupt != nullptr && *o.interrupt != 0;
 }
 
-void say(const record_options& o, const char* fmt, ...) __attribute__((format(printf, 2, 3)));
-void say(const record_options& o, const char* fmt, ...)
-{
-    if (o.progress == nullptr)
-        return;
-    va_list ap;
-    va_start(ap, fmt);
-    std::vfprintf(o.progress, fmt, ap);
-    va_end(ap);
-    std::fflush(o.progress);
-}
-
 void progress_line(const record_options& o, const recorder& rec, const char* phase, double t)
 {
     recorder::progress_t p = rec.progress();
-    say(o, "-- %s t+%.0fs: %zu of %zu streams begun, %llu frames, %.1f MB, %llu violation(s)\n", phase, t, p.started,
+    say_progress(o.progress, "-- %s t+%.0fs: %zu of %zu streams begun, %llu frames, %.1f MB, %llu violation(s)\n", phase, t, p.started,
         p.expected, static_cast<unsigned long long>(p.frames), static_cast<double>(p.bytes) / 1e6,
         static_cast<unsigned long long>(p.violations));
 }
@@ -103,9 +91,9 @@ void save_overlays(const record_options& o, const master& m)
             std::snprintf(name, sizeof(name), "/slave%d/cam%02d-overlay.png", p.chip, cam);
             std::string err;
             if (write_bitmap_png(o.plan.out + name, bytes, r.width, r.height, &err) != 0)
-                say(o, "-- %s\n", err.c_str());
+                say_progress(o.progress, "-- %s\n", err.c_str());
             else
-                say(o, "-- chip %d camera %d: overlay at %d,%d saved as %s\n", p.chip, cam, r.x, r.y, name + 1);
+                say_progress(o.progress, "-- chip %d camera %d: overlay at %d,%d saved as %s\n", p.chip, cam, r.x, r.y, name + 1);
         }
     }
 }
@@ -242,7 +230,7 @@ record_summary record(record_options o)
             setup_error = "chip " + std::to_string(p.chip) + ": " + m.error();
             break;
         }
-        say(o, "-- chip %d: started with cameras %d..%d\n", p.chip, p.cam_base, p.cam_base + p.cameras - 1);
+        say_progress(o.progress, "-- chip %d: started with cameras %d..%d\n", p.chip, p.cam_base, p.cam_base + p.cameras - 1);
     }
     for (size_t i = 0; setup_error.empty() && i < o.plan.slaves.size(); ++i) {
         const slave_plan& p = o.plan.slaves[i];
@@ -255,10 +243,10 @@ record_summary record(record_options o)
             break;
         }
         std::vector<std::string> bad = configure_recorder(m, p, o.plan, std::chrono::milliseconds(5000));
-        say(o, "-- chip %d: windows set; time, cameras and streams configured%s\n", p.chip,
+        say_progress(o.progress, "-- chip %d: windows set; time, cameras and streams configured%s\n", p.chip,
             bad.empty() ? "" : " with failures:");
         for (const std::string& b : bad)
-            say(o, "     %s\n", b.c_str());
+            say_progress(o.progress, "     %s\n", b.c_str());
         if (!bad.empty())
             setup_error = "chip " + std::to_string(p.chip) + ": " + bad.front() +
                           (bad.size() > 1 ? " (and " + std::to_string(bad.size() - 1) + " more)" : "");
@@ -272,7 +260,7 @@ record_summary record(record_options o)
     int next_line = o.progress_every_s;
     bool begun = false;
     if (setup_error.empty()) {
-        say(o, "-- waiting up to %lld s for every stream's first key frame and snapshot\n",
+        say_progress(o.progress, "-- waiting up to %lld s for every stream's first key frame and snapshot\n",
             static_cast<long long>(std::chrono::duration_cast<seconds>(o.first_key_wait).count()));
         while (!interrupted(o) && steady::now() - t0 < o.first_key_wait) {
             recorder::progress_t p = rec.progress();
@@ -290,7 +278,7 @@ record_summary record(record_options o)
     double waited = since(t0);
     double began_at = 0, ended_at = 0;
     if (begun) {
-        say(o, "-- every stream has begun after %.1f s; recording %d s\n", waited, o.seconds);
+        say_progress(o.progress, "-- every stream has begun after %.1f s; recording %d s\n", waited, o.seconds);
         auto t1 = steady::now();
         began_at = wall_seconds();
         next_line = o.progress_every_s;
@@ -309,7 +297,7 @@ record_summary record(record_options o)
 
     if (begun && o.plan.overlay && !o.plan.out.empty())
         save_overlays(o, m);
-    say(o, "-- ending the slaves\n");
+    say_progress(o.progress, "-- ending the slaves\n");
     m.end_slaves();
     m.close();  // no notification after this
     rec.finish();
