@@ -37,6 +37,11 @@ void* def_thread(void* p)
         dt->running = 0;
         return nullptr;
     }
+    // The system's thread name (at most 15 characters) lets a profile or
+    // /proc tell the process's threads apart.
+    char comm[16] = {};
+    std::strncpy(comm, dt->name, sizeof comm - 1);
+    pthread_setname_np(pthread_self(), comm);
     const int pid = getpid();
     dt->pid = pid;
     if (os_sched_setscheduler(SCHED_OTHER, 0) != 0)

@@ -216,6 +216,26 @@ TEST_F(kel_thread_test, wait_gone_returns_once_a_cancelled_thread_has_unwound)
     EXPECT_EQ(kel_thread_wait_gone(nullptr, 0), -1);
 }
 
+TEST_F(kel_thread_test, the_system_knows_the_thread_by_its_name_cut_to_15_characters)
+{
+    struct named_job : job {
+        char seen[32] = {};
+    } j;
+    j.loops = false;
+    j.dt = kel_thread_new("cal_recv_dec_thread", KEL_THREAD_STACK);
+    ASSERT_EQ(kel_thread_start(j.dt,
+                               [](void* p) {
+                                   auto* nj = static_cast<named_job*>(p);
+                                   pthread_getname_np(pthread_self(), nj->seen, sizeof nj->seen);
+                                   return worker(p);
+                               },
+                               &j),
+              0);
+    ASSERT_TRUE(wait_until([&] { return j.finished.load(); }));
+    EXPECT_EQ(kel_thread_stop(j.dt, 1000), 0);
+    EXPECT_STREQ(j.seen, "cal_recv_dec_th");
+}
+
 TEST_F(kel_thread_test, a_thread_that_cannot_be_created_leaves_the_object_stopped)
 {
     // No system maps a stack as large as its whole address space.
