@@ -24,12 +24,25 @@ for t in "${targets[@]}"; do
   fi
   corpus="$build/corpus/$t"
   log="$build/logs/$t.log"
-  mkdir -p "$corpus"
+  # The target's board directory goes here, so that one a crash left behind
+  # is found and removed below.
+  tmp="$build/tmp/$t"
+  mkdir -p "$corpus" "$tmp"
   # Standard output carries the slave's traces: closed, as they would only
   # slow the run. Reports go to standard error, kept in the log.
-  "$bin" -max_total_time="$seconds" -max_len="${max_len[$t]}" -close_fd_mask=1 -print_final_stats=1 \
+  TMPDIR="$tmp" "$bin" -max_total_time="$seconds" -max_len="${max_len[$t]}" -close_fd_mask=1 -print_final_stats=1 \
     -artifact_prefix="$build/artifacts/$t-" "$corpus" "$src/tests/fuzz/corpus/$t" >"$log" 2>&1
   rc=$?
+  # A crashed target cannot close its board: its host message queues
+  # (chip<k>/msgq: system key, host key) are removed, then the directory.
+  for board in "$tmp"/tarvo-fuzz-*; do
+    [ -d "$board" ] || continue
+    for q in "$board"/chip*/msgq; do
+      [ -f "$q" ] || continue
+      while read -r _ host; do ipcrm -Q "0x$host" 2>/dev/null; done <"$q"
+    done
+    rm -rf "$board"
+  done
   runs=$(sed -n 's/^stat::number_of_executed_units: *//p' "$log" | tail -1)
   runs=${runs:-0}
   time_s=$(sed -n 's/^Done [0-9]* runs in \([0-9]*\) second.*/\1/p' "$log" | tail -1)
