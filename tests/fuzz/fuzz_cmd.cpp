@@ -5,6 +5,11 @@
 // header (id, cmd, len, result) and up to 532 payload bytes. The port
 // delivers it as the command loop sees it: the length is what arrived (the
 // sender's len is not trusted), the rest of the message reads zeros.
+//
+// No handler of the table sleeps or waits for a thread, so every code is
+// fuzzed. The core keeps what each command set, as the slave does from one
+// command to the next: a reproducer may need the inputs run before it
+// (the fuzzer's log lists them), not only the last one.
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
