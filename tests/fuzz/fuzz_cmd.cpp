@@ -8,8 +8,8 @@
 //
 // No handler of the table sleeps or waits for a thread, so every code is
 // fuzzed. The core keeps what each command set, as the slave does from one
-// command to the next: a reproducer may need the inputs run before it
-// (the fuzzer's log lists them), not only the last one.
+// command to the next: a finding may need the corpus run before it to
+// reproduce, not only the last input.
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
