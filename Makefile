@@ -9,12 +9,13 @@ SUDO := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
 # libraries of the simulated board.
 APT_PACKAGES := cmake make g++ libgtest-dev libgmock-dev googletest libbenchmark-dev libopenh264-dev \
                 g++-arm-linux-gnueabi qemu-user \
-                libjpeg62-turbo-dev libfreetype-dev fonts-dejavu-core libpng-dev pkg-config
+                libjpeg62-turbo-dev libfreetype-dev fonts-dejavu-core libpng-dev pkg-config \
+                clang libclang-rt-14-dev
 
 DEMO_BOARD ?= $(CURDIR)/build/demo-board
 DEMO_OUT ?= $(CURDIR)/build/demo-record
 
-.PHONY: all deps build build-arm test test-host arm-test asan tsan release bench bench-run demo clean
+.PHONY: all deps build build-arm test test-host arm-test asan tsan release bench bench-run demo fuzz fuzz-build fuzz-short fuzz-corpus clean
 
 all: build
 
@@ -83,5 +84,25 @@ bench-run:
 demo: build
 	@tools/demo.sh $(CURDIR)/build $(DEMO_BOARD) $(DEMO_OUT)
 
+# libFuzzer targets (clang, address and undefined sanitizers): the command
+# dispatcher and the playback intake, each run FUZZ_SECONDS (default 60),
+# one after the other; fails on any crash or sanitizer report.
+FUZZ_SECONDS ?= 60
+
+fuzz-build: deps
+	@cmake --preset fuzz >/dev/null
+	@cmake --build --preset fuzz -j$(JOBS)
+
+fuzz: fuzz-build
+	@tools/fuzz.sh $(CURDIR)/build-fuzz $(FUZZ_SECONDS)
+
+fuzz-short: fuzz-build
+	@tools/fuzz.sh $(CURDIR)/build-fuzz 30
+
+# Rewrites the seed corpora from the slave's own records.
+fuzz-corpus: fuzz-build
+	@rm -rf tests/fuzz/corpus
+	@build-fuzz/tests/fuzz/fuzz_make_corpus tests/fuzz/corpus
+
 clean:
-	rm -rf build build-arm build-asan build-tsan build-release
+	rm -rf build build-arm build-asan build-tsan build-release build-fuzz
