@@ -361,7 +361,7 @@ int cal_m_enc_run_video(cal_t* cal, hsc_msg_t* msg)
         }
         s->changed = 1;
         if (p.kind == ENC_KIND_REC) {
-            enc_word_store(s->run, s->on);
+            kel_word_store(s->run, s->on);
             CAL_LOG(7, "REC.. ch:%d onoff:%d start:%d\n", ch, static_cast<int>(p.onoff), s->on);
         }
         break;
@@ -379,7 +379,7 @@ int cal_m_enc_run_video(cal_t* cal, hsc_msg_t* msg)
                 static_cast<int>(p.onoff), s->on);
         break;
     case ENC_KIND_JPEG:
-        enc_word_store(enc->jpg_on[ch], on ? 1 : 0);
+        kel_word_store(enc->jpg_on[ch], on ? 1 : 0);
         break;
     case ENC_KIND_COPY:
         enc->copy_on[ch] = static_cast<int>(p.onoff);
@@ -465,7 +465,7 @@ int _enc_set_ref_fps(cal_t* cal, int ch, int fps)
     cal_enc_t* enc = enc_of(cal);
     if (ch < 0 || ch >= enc->num)
         return -1;
-    enc_word_store(enc->ref_fps[ch], fps);
+    kel_word_store(enc->ref_fps[ch], fps);
     return 0;
 }
 

@@ -12,12 +12,12 @@
 #include <sys/types.h>
 
 #include <atomic>
-#include <type_traits>
 #include <cstddef>
 #include <cstdint>
 #include <ctime>
 
 #include "cal/cal_mod.h"
+#include "runtime/kel_word.h"
 
 struct cal_t;
 struct ebuf_t;
@@ -222,18 +222,6 @@ int cal_m_enc_on_playjpg(cal_t* cal, int value);
 int _enc_set_ref_fps(cal_t* cal, int ch, int fps);
 // Aligns the media platform's time stamps with t (us since the epoch).
 void _enc_set_pts(cal_t* cal, uint64_t t);
-// Words the main thread writes and the encoder or JPEG thread reads without
-// a lock (jpg_on, the REC run flag, ref_fps): each access is one whole word.
-template <class T>
-T enc_word_load(const T& w)
-{
-    return std::atomic_ref<T>(const_cast<T&>(w)).load(std::memory_order_relaxed);
-}
-template <class T>
-void enc_word_store(T& w, std::type_identity_t<T> v)
-{
-    std::atomic_ref<T>(w).store(v, std::memory_order_relaxed);
-}
 // Raises max_fd to fd if fd is larger; safe from either thread.
 void cal_enc_raise_max_fd(cal_enc_t* enc, int fd);
 

@@ -202,7 +202,7 @@ int _enc_chn_attr(cal_t* cal, int vchn, venc_chn_attr_t* attr)
 
     vin_info_t in{};
     cal_m_vin_get_info(cal, ch, &in);
-    int fps_in = enc_word_load(enc->ref_fps[ch]);
+    int fps_in = kel_word_load(enc->ref_fps[ch]);
     if (in.prog == 0)
         fps_in /= 2;
     if (low && in.xres == 1280 && fps_in > 30)

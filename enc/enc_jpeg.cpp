@@ -62,7 +62,7 @@ void make_channel(cal_enc_t* enc, int ch)
     const int g = jpeg_group(ch);
     enc->chn[g].fd = -1;
     HI_MPI_VENC_CreateGroup(g);  // a group left from before is used as it is
-    venc_grp_frm_rate_t rate{enc_word_load(enc->ref_fps[ch]) / 2, ENC_JPG_TARGET_FPS};
+    venc_grp_frm_rate_t rate{kel_word_load(enc->ref_fps[ch]) / 2, ENC_JPG_TARGET_FPS};
     HI_MPI_VENC_SetGrpFrmRate(g, &rate);
 
     vin_info_t in{};
@@ -85,7 +85,7 @@ void make_channel(cal_enc_t* enc, int ch)
         }
     }
 
-    if (_vin_vloss_one(cal, ch) != 0 || !enc_word_load(enc->rec[ch].run))
+    if (_vin_vloss_one(cal, ch) != 0 || !kel_word_load(enc->rec[ch].run))
         return;
     if (HI_MPI_VENC_StartRecvPic(g) != 0) {
         HI_MPI_VENC_UnRegisterChn(g);
@@ -216,7 +216,7 @@ int _enc_jpeg_keep(cal_enc_t* enc, int ch, int total, jpg_batch_t* batch)
     if (block == nullptr)
         return -1;
     std::memcpy(block, enc->bs_buf, len);
-    batch->add(ch + enc->cal->cam_base, enc_word_load(enc->jpg_on[ch]), static_cast<uint32_t>(os_time(nullptr)), block, len);
+    batch->add(ch + enc->cal->cam_base, kel_word_load(enc->jpg_on[ch]), static_cast<uint32_t>(os_time(nullptr)), block, len);
     return 0;
 }
 

@@ -14,6 +14,7 @@
 #include "platform/hi_mpi_vi.h"
 #include "platform/os.h"
 #include "runtime/kel_thread.h"
+#include "runtime/kel_word.h"
 #include "vin/cal_vin.h"
 
 namespace {
@@ -64,7 +65,7 @@ void take_result(cal_vin_t* vin, int c)
     }
     uint32_t bitmap[CAL_VIN_MD_WORDS];
     _vin_md_bitmap(data.mb_sad_addr, static_cast<int>(data.stride), vin->md_row, vin->md_col,
-                   vin->md_threshold[c], bitmap);
+                   kel_word_load(vin->md_threshold[c]), bitmap);
     unsigned char body[HSC_MD_BODY_SIZE];
     static_assert(sizeof(bitmap) == sizeof(body));
     std::memcpy(body, bitmap, sizeof(body));
@@ -131,7 +132,7 @@ int _vin_set_md(cal_t* cal, int cam, int md_threshold)
         return -1;
     }
     TRACE("cam:%d md_threshold:%d\n", cam, md_threshold);
-    vin->md_threshold[cam] = md_threshold;
+    kel_word_store(vin->md_threshold[cam], md_threshold);
     return 0;
 }
 
