@@ -15,7 +15,7 @@ APT_PACKAGES := cmake make g++ libgtest-dev libgmock-dev googletest libbenchmark
 DEMO_BOARD ?= $(CURDIR)/build/demo-board
 DEMO_OUT ?= $(CURDIR)/build/demo-record
 
-.PHONY: all deps build build-arm test test-host arm-test asan tsan release bench bench-run demo fuzz fuzz-build fuzz-short fuzz-corpus clean
+.PHONY: all deps build build-arm test test-host arm-test asan tsan release bench bench-run demo soak fuzz fuzz-build fuzz-short fuzz-corpus clean
 
 all: build
 
@@ -83,6 +83,16 @@ bench-run:
 # into DEMO_OUT: one .h264 file per camera and stream, and summary.json.
 demo: build
 	@tools/demo.sh $(CURDIR)/build $(DEMO_BOARD) $(DEMO_OUT)
+
+# The 8-camera recorder for SOAK_SECONDS (default an hour) under the address
+# and undefined sanitizers: RSS growth and a leak check at the end. Not part
+# of `make test`.
+SOAK_SECONDS ?= 3600
+
+soak: deps
+	@cmake --preset asan >/dev/null
+	@cmake --build --preset asan -j$(JOBS) --target tarvo3532 tarvo-master
+	@SOAK_SECONDS=$(SOAK_SECONDS) SIM_CACHE=$(CURDIR)/.sim-cache tools/soak.sh $(CURDIR)/build-asan $(CURDIR)/build-asan/soak-board $(CURDIR)/build-asan/soak
 
 # libFuzzer targets (clang, address and undefined sanitizers): the command
 # dispatcher and the playback intake, each run FUZZ_SECONDS (default 60),

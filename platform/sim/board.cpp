@@ -12,6 +12,7 @@
 #include "platform/os.h"
 #include "platform/sim/families.h"
 #include "platform/sim/fault.h"
+#include "platform/sim/leak_check.h"
 #include "platform/sim/mcc_sim.h"
 
 namespace {
@@ -168,6 +169,12 @@ int platform_init(int argc, char** argv)
     }
     if (dir == nullptr || dir[0] == '\0') {
         std::fprintf(stderr, "tarvo3532: TARVO_BOARD is not set; it must name the board directory\n");
+        return -1;
+    }
+    // Before the board starts its threads, so that every one of them leaves
+    // SIGTERM to the leak check.
+    if (sim_leak_check_arm() != 0) {
+        std::fprintf(stderr, "tarvo3532: cannot start the leak check thread\n");
         return -1;
     }
     std::string err;

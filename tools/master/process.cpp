@@ -25,8 +25,10 @@ std::vector<std::string> slave_config::argv() const
 pid_t spawn_slave(const slave_config& cfg, const std::string& board, std::string* err)
 {
     std::vector<std::string> env;
+    // The board's own variables are set below for this slave; only the leak
+    // check's switch passes through from the master's environment.
     for (char** e = environ; e != nullptr && *e != nullptr; ++e) {
-        if (std::strncmp(*e, "TARVO_", 6) != 0)
+        if (std::strncmp(*e, "TARVO_", 6) != 0 || std::strncmp(*e, "TARVO_SIM_LEAK_CHECK=", 21) == 0)
             env.emplace_back(*e);
     }
     env.push_back("TARVO_BOARD=" + board);
