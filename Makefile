@@ -15,7 +15,7 @@ APT_PACKAGES := cmake make g++ libgtest-dev libgmock-dev googletest libbenchmark
 DEMO_BOARD ?= $(CURDIR)/build/demo-board
 DEMO_OUT ?= $(CURDIR)/build/demo-record
 
-.PHONY: all deps build build-arm test test-host arm-test asan tsan release bench bench-run demo soak fuzz fuzz-build fuzz-short fuzz-corpus clean
+.PHONY: all deps build build-arm test test-host arm-test asan tsan release bench bench-run demo soak fuzz fuzz-build fuzz-targets fuzz-short fuzz-corpus clean
 
 all: build
 
@@ -37,9 +37,11 @@ build-arm: deps
 
 # Every test: the host suite (unit and end-to-end) and the unit suite built
 # for 32-bit ARM and run under qemu-arm.
-test: build build-arm
+# Every host and ARM test, then each fuzz target for 30 s.
+test: build build-arm fuzz-targets
 	@ctest --preset debug -j$(JOBS)
 	@ctest --preset arm -j$(JOBS)
+	@tools/fuzz.sh $(CURDIR)/build-fuzz 30
 
 test-host: build
 	@ctest --preset debug -j$(JOBS)
@@ -102,6 +104,11 @@ FUZZ_SECONDS ?= 60
 fuzz-build: deps
 	@cmake --preset fuzz >/dev/null
 	@cmake --build --preset fuzz -j$(JOBS)
+
+# Only the two targets `make test` runs (not the corpus writer).
+fuzz-targets: deps
+	@cmake --preset fuzz >/dev/null
+	@cmake --build --preset fuzz -j$(JOBS) --target fuzz_cmd fuzz_dec_intake
 
 fuzz: fuzz-build
 	@tools/fuzz.sh $(CURDIR)/build-fuzz $(FUZZ_SECONDS)
