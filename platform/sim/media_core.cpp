@@ -198,52 +198,57 @@ int sim_vi_input_of_dev(int dev)
 
 // ---- read-back ---------------------------------------------------------------
 
-sim_vi_dev sim_media_vi_dev(int dev)
+namespace {
+
+// Entry k of one of the core's tables, copied under the lock; an empty
+// entry for a k out of the table's range.
+template <class T, size_t N>
+T read_entry(std::array<T, N> sim_media::*table, int k)
 {
     media_access m(media_access::read);
-    return dev >= 0 && dev < VIU_MAX_DEV_NUM ? m->vi_dev[dev] : sim_vi_dev{};
+    return k >= 0 && static_cast<size_t>(k) < N ? ((*m).*table)[static_cast<size_t>(k)] : T{};
+}
+
+}  // namespace
+
+sim_vi_dev sim_media_vi_dev(int dev)
+{
+    return read_entry(&sim_media::vi_dev, dev);
 }
 
 sim_vi_chn sim_media_vi_chn(int chn)
 {
-    media_access m(media_access::read);
-    return chn >= 0 && chn < VIU_MAX_CHN_NUM ? m->vi_chn[chn] : sim_vi_chn{};
+    return read_entry(&sim_media::vi_chn, chn);
 }
 
 sim_vpss_grp sim_media_vpss_grp(int grp)
 {
-    media_access m(media_access::read);
-    return grp >= 0 && grp < VPSS_MAX_GRP_NUM ? m->vpss[grp] : sim_vpss_grp{};
+    return read_entry(&sim_media::vpss, grp);
 }
 
 sim_venc_grp sim_media_venc_grp(int grp)
 {
-    media_access m(media_access::read);
-    return grp >= 0 && grp < VENC_MAX_GRP_NUM ? m->venc_grp[grp] : sim_venc_grp{};
+    return read_entry(&sim_media::venc_grp, grp);
 }
 
 sim_vdec_chn sim_media_vdec_chn(int chn)
 {
-    media_access m(media_access::read);
-    return chn >= 0 && chn < VDEC_MAX_CHN_NUM ? m->vdec[chn] : sim_vdec_chn{};
+    return read_entry(&sim_media::vdec, chn);
 }
 
 sim_venc_chn sim_media_venc_chn(int chn)
 {
-    media_access m(media_access::read);
-    return chn >= 0 && chn < VENC_MAX_CHN_NUM ? m->venc_chn[chn] : sim_venc_chn{};
+    return read_entry(&sim_media::venc_chn, chn);
 }
 
 sim_vo_dev sim_media_vo_dev(int dev)
 {
-    media_access m(media_access::read);
-    return dev >= 0 && dev < VO_MAX_DEV_NUM ? m->vo[dev] : sim_vo_dev{};
+    return read_entry(&sim_media::vo, dev);
 }
 
 sim_pciv_chn sim_media_pciv_chn(int chn)
 {
-    media_access m(media_access::read);
-    return chn >= 0 && chn < PCIV_MAX_CHN_NUM ? m->pciv[chn] : sim_pciv_chn{};
+    return read_entry(&sim_media::pciv, chn);
 }
 
 uint64_t sim_media_pictures(const mpp_chn_t& dest)
@@ -254,8 +259,7 @@ uint64_t sim_media_pictures(const mpp_chn_t& dest)
 
 sim_vda_chn sim_media_vda_chn(int chn)
 {
-    media_access m(media_access::read);
-    return chn >= 0 && chn < VDA_MAX_CHN_NUM ? m->vda[chn] : sim_vda_chn{};
+    return read_entry(&sim_media::vda, chn);
 }
 
 sim_rgn sim_media_rgn(int32_t handle)
