@@ -89,7 +89,9 @@ echo "soak: ${verdict:-sim: leak check: no verdict (the slave did not end by SIG
 reports=$(grep -a -l -E "ERROR: AddressSanitizer|ERROR: LeakSanitizer|runtime error:" \
   "$out"/chip*.console "$out/master.log" 2>/dev/null)
 [ -n "$reports" ] && echo "soak: sanitizer reports in: $reports"
-grep -E "^record:|dropped|gap|lost" "$out/master.log" | tail -20
+# The recording's own verdict: frames lost per stream and the totals.
+awk '$1 ~ /^[0-9]+$/ && NF >= 15 { streams++; lost += $11 } END { printf "soak: %d stream(s), %d frame(s) lost\n", streams, lost }' "$out/master.log"
+grep -E "^== [0-9]+ (record|motion)" "$out/master.log"
 [ $rc -eq 0 ] || { echo "soak: the recording failed (status $rc), see $out/master.log"; exit 1; }
 [ -z "$reports" ] || exit 1
 case "$verdict" in
