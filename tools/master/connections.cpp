@@ -307,11 +307,24 @@ void master::end_slaves()
 
 bool master::wait_for(int chip, const std::function<bool(const slave_info&)>& pred, milliseconds timeout)
 {
+    // A slave that ends before it opens a port closes none, so its end is
+    // looked for here too, every 100 ms of the wait.
+    const auto deadline = steady::now() + timeout;
     std::unique_lock lk(mu_);
-    return cv_.wait_for(lk, timeout, [&] {
+    auto met = [&] {
         auto it = slaves_.find(chip);
         return it != slaves_.end() && pred(it->second.info);
-    });
+    };
+    for (;;) {
+        check_processes_locked();
+        if (met())
+            return true;
+        const auto now = steady::now();
+        if (now >= deadline)
+            return false;
+        if (cv_.wait_for(lk, std::min<steady::duration>(deadline - now, milliseconds(100)), met))
+            return true;
+    }
 }
 
 bool master::wait_ports(int chip, milliseconds timeout)
