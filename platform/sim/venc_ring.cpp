@@ -17,10 +17,16 @@ bool sim_venc_ring::put(std::span<const sim_pack_in> packs, uint64_t pts, uint32
         len += p.part[0].size() + p.part[1].size();
     produced_.fetch_add(1, std::memory_order_relaxed);
     std::lock_guard lock(mutex_);
-    if (packs.size() > SIM_VENC_MAX_PACKS || len > buf_.size() - used_ || closed_) {
+    // After a drop the pictures that referred to the dropped one cannot be
+    // decoded: like an encoder that skips a picture and codes the next one
+    // afresh, the ring takes nothing until the next IDR picture.
+    const bool idr = !packs.empty() && packs[0].type == H264E_NALU_SPS;
+    if (packs.size() > SIM_VENC_MAX_PACKS || len > buf_.size() - used_ || closed_ || (resync_ && !idr)) {
+        resync_ = true;
         dropped_.fetch_add(1, std::memory_order_relaxed);
         return false;
     }
+    resync_ = false;
     frame f{head_, static_cast<uint32_t>(len), pts, seq, static_cast<uint32_t>(packs.size()), {}};
     const uint32_t size = static_cast<uint32_t>(buf_.size());
     for (size_t i = 0; i < packs.size(); ++i) {

@@ -42,7 +42,8 @@ public:
     uint32_t size() const { return static_cast<uint32_t>(buf_.size()); }
 
     // Copies one frame in. false when it has no room (the frame is dropped
-    // and counted).
+    // and counted), and for every frame after a drop up to the next IDR
+    // picture (one whose first pack is the SPS).
     bool put(std::span<const sim_pack_in> packs, uint64_t pts, uint32_t seq);
 
     // Status as the channel query reports it.
@@ -90,6 +91,7 @@ private:
     uint32_t head_ = 0;          // where the next frame goes
     uint32_t used_ = 0;
     bool closed_ = false;
+    bool resync_ = false;        // a picture was dropped: wait for an IDR picture
     sim_ready_fd ready_;
     std::atomic<uint64_t> produced_{0};
     std::atomic<uint64_t> dropped_{0};

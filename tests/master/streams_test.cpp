@@ -73,17 +73,21 @@ TEST(stream_check, sequence_counts_from_the_first_key_frame_and_finds_lost_repea
     EXPECT_TRUE(c.take(access_unit(9, 1, 17, false), false, 1));   // 14..16 lost
     EXPECT_FALSE(c.take(access_unit(10, 2, 18, false), false, 1)); // another camera's
     EXPECT_TRUE(c.take(access_unit(9, 1, 18, false), false, 1));   // and on it goes
+    EXPECT_TRUE(c.take(access_unit(9, 1, 21, true), true, 1));     // 19..20 lost, on at a key frame
     EXPECT_EQ(c.before_key, 1u);
-    EXPECT_EQ(c.frames, 5u);
-    EXPECT_EQ(c.key_frames, 1u);
-    EXPECT_EQ(c.lost, 4u);
+    EXPECT_EQ(c.frames, 6u);
+    EXPECT_EQ(c.key_frames, 2u);
+    EXPECT_EQ(c.lost, 6u);
+    EXPECT_EQ(c.gaps, 3u);
+    EXPECT_EQ(c.gaps_off_key, 2u);  // 13 and 17 went on without a key frame
     EXPECT_EQ(c.repeated, 1u);
     EXPECT_EQ(c.reordered, 1u);
     EXPECT_EQ(c.foreign, 1u);
     EXPECT_EQ(c.first_seq, 10u);
-    EXPECT_EQ(c.last_seq, 18u);
-    EXPECT_EQ(c.problems().count, 5u);
+    EXPECT_EQ(c.last_seq, 21u);
+    EXPECT_EQ(c.problems().count, 8u);
     EXPECT_EQ(c.problems().kept[0], "lost 1 frame(s): seq 12..12");
+    EXPECT_EQ(c.problems().kept[1], "seq 13 goes on after the gap without a key frame");
 
     // A key flag that is not "the first NAL unit is an SPS", and another
     // encoder channel, are violations; the frames stay.

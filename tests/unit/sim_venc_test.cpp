@@ -175,16 +175,28 @@ TEST(sim_venc_ring_test, a_pack_across_the_end_comes_in_two_pieces_and_a_full_ri
     EXPECT_TRUE(s.seq == 0 && packs[0].pts == 11 && packs[1].frame_end == 1 && packs[0].frame_end == 0);
     ASSERT_EQ(ring.release(&s), 0u);
 
-    ASSERT_TRUE(ring.put(au, 13, 2));  // bytes 60 .. 99, then 0 .. 19: the slice wraps
+    // After the drop a P picture is not taken though it fits (it refers to
+    // the dropped one); the next IDR picture is.
+    EXPECT_FALSE(ring.put(au, 13, 2));
+    EXPECT_EQ(ring.dropped(), 2u);
+    auto sps = bytes(10, 200);
+    sim_pack_in idr[2] = {{{sps, {}}, H264E_NALU_SPS}, {{slice, {}}, H264E_NALU_ISLICE}};
+    ASSERT_TRUE(ring.put(idr, 14, 3));  // bytes 60 .. 99, then 0 .. 19: the slice wraps
+    auto small = bytes(10, 50);
+    sim_pack_in p_after[2] = {{{sei, {}}, H264E_NALU_SEI}, {{small, {}}, H264E_NALU_PSLICE}};
+    ASSERT_TRUE(ring.put(p_after, 15, 4));  // and P pictures follow it again
     ASSERT_EQ(ring.get(&s, false), 0u);
-    EXPECT_EQ(s.seq, 2u);
+    EXPECT_EQ(s.seq, 3u);
     EXPECT_EQ(packs[1].len[0], 30u);
     EXPECT_EQ(packs[1].len[1], 20u);
     EXPECT_EQ(joined(packs[1]), slice);
-    EXPECT_EQ(joined(packs[0]), sei);
+    EXPECT_EQ(joined(packs[0]), sps);
     venc_stream_t other = s;
     other.seq = 7;
     EXPECT_EQ(ring.release(&other), HI_ERR_ILLEGAL_PARAM);
+    EXPECT_EQ(ring.release(&s), 0u);
+    ASSERT_EQ(ring.get(&s, false), 0u);
+    EXPECT_EQ(s.seq, 4u);
     EXPECT_EQ(ring.release(&s), 0u);
     EXPECT_EQ(ring.stat().left_stream_bytes, 0u);
 }

@@ -162,7 +162,14 @@ bool stream_check::take(std::span<const uint8_t> au, bool key_flag, double arriv
             // in order
         } else if (sei->seq > expected) {
             lost += sei->seq - expected;
+            ++gaps;
             problems_.add("lost %u frame(s): seq %u..%u", sei->seq - expected, expected, sei->seq - 1);
+            // The master cannot decode a frame whose references it lacks:
+            // after a gap a stream must go on at a key frame.
+            if (!key) {
+                ++gaps_off_key;
+                problems_.add("seq %u goes on after the gap without a key frame", sei->seq);
+            }
         } else if (sei->seq == last_seq) {
             ++repeated;
             problems_.add("seq %u repeated", sei->seq);
@@ -631,6 +638,8 @@ record_summary recorder::summary() const
         }
         x.before_key = c.before_key;
         x.lost = c.lost;
+        x.gaps = c.gaps;
+        x.gaps_off_key = c.gaps_off_key;
         x.repeated = c.repeated;
         x.reordered = c.reordered;
         x.foreign = c.foreign;
@@ -708,6 +717,8 @@ std::string summary_json(const record_summary& s)
         j += ", \"last_seq\": " + std::to_string(x.last_seq);
         j += ", \"before_key\": " + std::to_string(x.before_key);
         j += ", \"lost\": " + std::to_string(x.lost);
+        j += ", \"gaps\": " + std::to_string(x.gaps);
+        j += ", \"gaps_off_key\": " + std::to_string(x.gaps_off_key);
         j += ", \"repeated\": " + std::to_string(x.repeated);
         j += ", \"reordered\": " + std::to_string(x.reordered);
         j += ", \"foreign\": " + std::to_string(x.foreign);

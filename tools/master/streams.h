@@ -159,6 +159,8 @@ public:
     uint64_t bytes = 0;
     uint64_t before_key = 0;  // frames before the first key frame
     uint64_t lost = 0;
+    uint64_t gaps = 0;          // runs of lost frames
+    uint64_t gaps_off_key = 0;  // gaps after which the stream went on without a key frame
     uint64_t repeated = 0;
     uint64_t reordered = 0;
     uint64_t foreign = 0;  // frames of another camera
@@ -187,6 +189,7 @@ struct stream_summary {
     double frame_rate = 0;  // frames / seconds
     double kbps = 0;        // kbit/s over the same time
     uint64_t before_key = 0, lost = 0, repeated = 0, reordered = 0, foreign = 0, no_sei = 0;
+    uint64_t gaps = 0, gaps_off_key = 0;  // runs of lost frames; those not followed by a key frame
     uint32_t first_seq = 0, last_seq = 0;
     uint64_t violations = 0;
     std::vector<std::string> problems;
