@@ -139,6 +139,11 @@ TEST_F(playback_pressure_e2e_test, a_flush_drops_the_records_queued_before_it_an
     // answered, two or three wait in the decode queue.
     for (const auto& r : before)
         ASSERT_TRUE(m.play_transfer(1, tmaster::PLAY_ONE, r, 0, 10s));
+    // The intake answers a transfer when it has pulled it and queues the
+    // record just after: a flush sent at once could reach the decode queue
+    // before the last record, which would then be decoded after the flush
+    // (and in part, its references gone).
+    std::this_thread::sleep_for(30ms);
     ASSERT_EQ(tmaster::play_command(m, 1, tmaster::PLAY_FLUSH, 0), 0);
     for (const auto& r : after)
         ASSERT_TRUE(m.play_transfer(1, tmaster::PLAY_ONE, r, 0, 10s));
