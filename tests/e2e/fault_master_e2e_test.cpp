@@ -23,12 +23,6 @@ using namespace tmaster;
 
 namespace {
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr bool k_sanitized = true;
-#else
-constexpr bool k_sanitized = false;
-#endif
-
 constexpr int CAMERAS = 2;
 constexpr int HOLD_FROM = 5;   // seconds of recording
 constexpr int HOLD_S = 60;

@@ -12,12 +12,6 @@ using namespace tmaster;
 
 namespace {
 
-#if defined(__SANITIZE_ADDRESS__)
-constexpr bool k_asan = true;
-#else
-constexpr bool k_asan = false;
-#endif
-
 TEST(leak_check_e2e, sigterm_runs_the_check_on_a_sanitized_slave_and_still_ends_it_by_that_signal)
 {
     temp_board_dir board;

@@ -249,12 +249,6 @@ struct sent_batch {
     bool bad = false;
 };
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr bool k_sanitized = true;
-#else
-constexpr bool k_sanitized = false;
-#endif
-
 TEST(snapshot_e2e, a_pass_whose_pictures_exceed_a_batch_goes_as_two_transfers)
 {
     // Textured cameras: a 1920 x 1080 snapshot of about 0.32 MB, so the

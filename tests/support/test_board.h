@@ -12,6 +12,19 @@
 
 #include "platform/sim/board.h"
 
+// Builds under the sanitizers run the slave several times slower: tests
+// that judge rates or timings there relax them or only print them.
+#if defined(__SANITIZE_ADDRESS__)
+inline constexpr bool k_asan = true;
+#else
+inline constexpr bool k_asan = false;
+#endif
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+inline constexpr bool k_sanitized = true;
+#else
+inline constexpr bool k_sanitized = false;
+#endif
+
 // A fresh, empty directory under the temporary directory, removed with its
 // content and its message queues when the object goes.
 class temp_board_dir {
