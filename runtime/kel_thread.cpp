@@ -40,7 +40,7 @@ void* def_thread(void* p)
     // The system's thread name (at most 15 characters) lets a profile or
     // /proc tell the process's threads apart.
     char comm[16] = {};
-    std::strncpy(comm, dt->name, sizeof comm - 1);
+    std::memcpy(comm, dt->name, strnlen(dt->name, sizeof comm - 1));
     pthread_setname_np(pthread_self(), comm);
     const int pid = getpid();
     dt->pid = pid;
