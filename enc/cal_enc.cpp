@@ -346,13 +346,13 @@ int cal_m_enc_run_video(cal_t* cal, hsc_msg_t* msg)
     case ENC_KIND_REC:
     case ENC_KIND_REC_LOW:
         if (on) {
-            s->on = 1;
-            s->wait_key = 1;
+            kel_word_store(s->on, 1);
+            kel_word_store(s->wait_key, 1);
             s->saved[0] = s->attr;
             s->saved[1] = s->fps;
             s->saved[2] = s->quality;
         } else {
-            s->on = 0;
+            kel_word_store(s->on, 0);
             s->width = s->height = 0;
             s->saved[3] = static_cast<int>(p.stop);
             s->saved[4] = s->attr;
@@ -361,22 +361,22 @@ int cal_m_enc_run_video(cal_t* cal, hsc_msg_t* msg)
         }
         s->changed = 1;
         if (p.kind == ENC_KIND_REC) {
-            kel_word_store(s->run, s->on);
-            CAL_LOG(7, "REC.. ch:%d onoff:%d start:%d\n", ch, static_cast<int>(p.onoff), s->on);
+            kel_word_store(s->run, kel_word_load(s->on));
+            CAL_LOG(7, "REC.. ch:%d onoff:%d start:%d\n", ch, static_cast<int>(p.onoff), kel_word_load(s->on));
         }
         break;
     case ENC_KIND_NET:
     case ENC_KIND_NET_LOW:
         if (on) {
-            s->wait_key = 1;
-            s->on = 1;
+            kel_word_store(s->wait_key, 1);
+            kel_word_store(s->on, 1);
         } else {
-            s->on = 0;
+            kel_word_store(s->on, 0);
             s->saved[3] = static_cast<int>(p.stop);
         }
         s->changed = 1;
         CAL_LOG(7, "%s.. ch:%d onoff:%d start:%d\n", p.kind == ENC_KIND_NET ? "NET" : "NET LOW", ch,
-                static_cast<int>(p.onoff), s->on);
+                static_cast<int>(p.onoff), kel_word_load(s->on));
         break;
     case ENC_KIND_JPEG:
         kel_word_store(enc->jpg_on[ch], on ? 1 : 0);
@@ -384,7 +384,7 @@ int cal_m_enc_run_video(cal_t* cal, hsc_msg_t* msg)
     case ENC_KIND_COPY:
         enc->copy_on[ch] = static_cast<int>(p.onoff);
         if (!on)
-            enc->copy_wait_key[ch] = 1;
+            kel_word_store(enc->copy_wait_key[ch], 1);
         break;
     default:
         break;
@@ -424,9 +424,12 @@ int cal_enc_update(cal_t* cal, hsc_msg_t* msg)
     m.body.flag = p.sync;
     m.body.t = p.t;
     if (os_msgsnd(enc->msgid_ce_enc, &m, ENC_UPDATE_BODY_SIZE, IPC_NOWAIT) != 0) {
-        // The update is never lost: applied here, on the main thread.
-        TRACE("msgsnd update failed: applied at once\n");
-        _update_chip(cal, p.sync, p.t);
+        // The update is never lost: the encoder thread, which owns the
+        // channels it rebuilds, takes it on its next pass.
+        TRACE("msgsnd update failed: left for the encoder thread\n");
+        enc->update_flag.store(p.sync, std::memory_order_relaxed);
+        enc->update_t.store(p.t, std::memory_order_relaxed);
+        enc->update_pending.store(1, std::memory_order_release);
     }
     return 0;
 }

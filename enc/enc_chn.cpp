@@ -110,12 +110,12 @@ int _update_chip(cal_t* cal, int, uint64_t)
             if (st.kind == ENC_KIND_REC) {
                 // The time overlay follows the REC channel's rebuild; a
                 // channel going off takes its region with it.
-                if (enc->osd_on && st.s->on)
+                if (enc->osd_on && kel_word_load(st.s->on))
                     _enc_init_osd_insert(cal, ch, st.s->width, st.s->height);
                 else
                     _enc_exit_osd_insert(cal, ch);
             }
-            if (st.s->on) {
+            if (kel_word_load(st.s->on)) {
                 int r = _process_start(cal, ch, st.kind);
                 cal_log(7, __func__, __LINE__, r == 0 ? st.ok : st.failed, ch);
             }

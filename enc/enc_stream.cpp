@@ -130,17 +130,17 @@ void send_net_copy(cal_enc_t* enc, int ch, const cal_enc_stream_t& s, int fi, in
                    int size, int offset, int* wait_key)
 {
     if (nbuf_get_total_size() >= NBUF_TOTAL_LIMIT) {
-        *wait_key = 1;
+        kel_word_store(*wait_key, 1);
         return;
     }
     nbuf_block block(size);
     if (block.data() == nullptr) {
-        *wait_key = 1;
+        kel_word_store(*wait_key, 1);
         return;
     }
     std::memcpy(block.data(), src, static_cast<size_t>(size));
     if (block.post(enc->cal, ch, net_desc(enc, s, fi, key), offset) != 0)
-        *wait_key = 1;
+        kel_word_store(*wait_key, 1);
 }
 
 // Empties a record slot and posts what it held.
@@ -172,8 +172,8 @@ int route_record(cal_enc_t* enc, route r, int ch, cal_enc_stream_t& s, const ven
     // that ever not hold, the frame is dropped rather than written past it.
     if (eb == nullptr || eb->num_mmd < 0 || eb->num_mmd >= ENC_EBUF_MAX_FRAMES ||
         eb->buf_off < 0 || eb->buf_off + size > eb->buf_size) {
-        s.wait_key = 1;
-        enc->copy_wait_key[ch] = 1;
+        kel_word_store(s.wait_key, 1);
+        kel_word_store(enc->copy_wait_key[ch], 1);
         return 0;
     }
 
@@ -207,18 +207,18 @@ int route_record(cal_enc_t* enc, route r, int ch, cal_enc_stream_t& s, const ven
     // The recording copy (kind 5), from the record buffer.
     if (enc->copy_on[ch]) {
         if (key)
-            enc->copy_wait_key[ch] = 0;
-        if (!enc->copy_wait_key[ch])
+            kel_word_store(enc->copy_wait_key[ch], 0);
+        if (!kel_word_load(enc->copy_wait_key[ch]))
             send_net_copy(enc, ch, s, fi, key, data, static_cast<int>(size), 2 * cal->num_vin,
                           &enc->copy_wait_key[ch]);
     }
     // The main network stream: copies of the REC frames, from the record
     // buffer, timed by the REC record.
     cal_enc_stream_t& net = enc->net[ch];
-    if (net.on) {
+    if (kel_word_load(net.on)) {
         if (key)
-            net.wait_key = 0;
-        if (!net.wait_key)
+            kel_word_store(net.wait_key, 0);
+        if (!kel_word_load(net.wait_key))
             send_net_copy(enc, ch, s, fi, key, data, static_cast<int>(size), 0, &net.wait_key);
     }
     return 0;
@@ -368,22 +368,22 @@ int _parse_enc_ebuf(cal_enc_t* enc, int v, const venc_stream_t* stream)
     }
     const bool record = r == route::rec || r == route::rec_low;
 
-    if (!s->on)
+    if (!kel_word_load(s->on))
         return 0;
     const int fi = _calc_timing(enc, s, msec, now);
     if (fi < 0 || fi >= enc->fps) {
-        s->wait_key = 1;
+        kel_word_store(s->wait_key, 1);
         return 0;
     }
     if (key)
-        s->wait_key = 0;
-    if (s->wait_key)
+        kel_word_store(s->wait_key, 0);
+    if (kel_word_load(s->wait_key))
         return 0;
 
     const int64_t size = frame_size(st);
     if (size < 0) {
         CAL_LOG(7, "warning!! v:%d pack without data\n", v);
-        s->wait_key = 1;
+        kel_word_store(s->wait_key, 1);
         return 0;
     }
     const int64_t limit = record ? ENC_REC_FRAME_MAX : ENC_NET_FRAME_MAX;
@@ -393,7 +393,7 @@ int _parse_enc_ebuf(cal_enc_t* enc, int v, const venc_stream_t* stream)
             CAL_LOG(7, "Over ebuffer!! %d don't send data by pci express\n", shown);
         else
             CAL_LOG(7, "Over nbuffer!! %d don't send data by pci express\n", shown);
-        s->wait_key = 1;
+        kel_word_store(s->wait_key, 1);
         return -1;
     }
     if (record)
@@ -402,17 +402,17 @@ int _parse_enc_ebuf(cal_enc_t* enc, int v, const venc_stream_t* stream)
     s->byte_cnt = static_cast<int>(std::min<int64_t>(INT_MAX, s->byte_cnt + size));
     if (nbuf_get_total_size() >= NBUF_TOTAL_LIMIT) {
         CAL_LOG(7, "NO Nbuffer!! nbuf_total_size:%d\n", nbuf_get_total_size());
-        s->wait_key = 1;
+        kel_word_store(s->wait_key, 1);
         return 0;
     }
     nbuf_block block(static_cast<int>(size));
     if (block.data() == nullptr) {
-        s->wait_key = 1;
+        kel_word_store(s->wait_key, 1);
         return 0;
     }
     copy_packs(block.data(), st);
     const int offset = r == route::net ? 0 : enc->cal->num_vin;
     if (block.post(enc->cal, ch, net_desc(enc, *s, fi, key), offset) != 0)
-        s->wait_key = 1;
+        kel_word_store(s->wait_key, 1);
     return 0;
 }

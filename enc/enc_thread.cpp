@@ -56,6 +56,10 @@ void pass(cal_enc_t* enc, enc_pass_state& st)
         m.type == MSG_CMD_ENC_UPDATE) {
         _update_chip(cal, m.body.flag, m.body.t);
         st.osd_pts = 0;
+    } else if (enc->update_pending.exchange(0, std::memory_order_acquire) != 0) {
+        _update_chip(cal, enc->update_flag.load(std::memory_order_relaxed),
+                     enc->update_t.load(std::memory_order_relaxed));
+        st.osd_pts = 0;
     }
 
     uint64_t cur = 0;

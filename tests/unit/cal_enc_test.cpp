@@ -233,12 +233,21 @@ TEST_F(cal_enc_test, update_with_sync_sets_the_clock_only_when_far_from_the_plat
     EXPECT_EQ(enc()->last_pts, UINT64_MAX);
 }
 
-TEST_F(cal_enc_test, a_full_update_queue_applies_the_update_at_once)
+TEST_F(cal_enc_test, an_update_the_queue_refuses_is_taken_by_the_encoder_thread)
 {
     set_video(ENC_KIND_NET, 8, 704, 576, 15);
     run_video(ENC_KIND_NET, 8, 1);
     ASSERT_EQ(sim_fault_set("msgsnd=1c", nullptr), 0);
     EXPECT_EQ(update(0, 30), 0);
+    // Nothing is rebuilt on the main thread, beside the running encoder
+    // thread: the update waits for the thread's next pass.
+    EXPECT_EQ(enc()->update_pending.load(), 1);
+    EXPECT_FALSE(logged("ch:0 network high success.."));
+    ASSERT_EQ(cal_enc_start(enc()), 0);
+    for (int i = 0; i < 300 && enc()->update_pending.load() != 0; ++i)
+        os_usleep(10000);
+    EXPECT_EQ(cal_enc_stop(enc()), 0);
+    EXPECT_EQ(enc()->update_pending.load(), 0);
     EXPECT_EQ(enc()->net[0].changed, 0);
     EXPECT_TRUE(logged("ch:0 network high success.."));
 }
