@@ -316,12 +316,17 @@ int cal_m_enc_set_video(cal_t* cal, hsc_msg_t* msg)
     }
     case ENC_KIND_NET:
     case ENC_KIND_NET_LOW:
-        s->width = p.width;
-        s->height = p.height;
-        s->fps = fps;
-        s->quality = quality;
-        s->payload = PT_H264;
-        s->sys_fps = enc->fps;
+        // The same settings again (a master that takes over sends them
+        // anew) leave the fields the running encoder thread reads alone.
+        if (s->width != p.width || s->height != p.height || s->fps != fps || s->quality != quality ||
+            s->payload != PT_H264 || s->sys_fps != enc->fps) {
+            s->width = p.width;
+            s->height = p.height;
+            s->fps = fps;
+            s->quality = quality;
+            s->payload = PT_H264;
+            s->sys_fps = enc->fps;
+        }
         CAL_LOG(7, "%s.. ch:%d width:%d height:%d\n", p.kind == ENC_KIND_NET ? "NET" : "NET LOW", ch, s->width,
                 s->height);
         break;
