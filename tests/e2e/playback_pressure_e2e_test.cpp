@@ -69,9 +69,11 @@ TEST_F(playback_pressure_e2e_test, answers_are_held_briefly_and_memory_stays_bou
     ASSERT_EQ(s.rc, 0) << s.error;
     EXPECT_EQ(s.refused, 0u);
 
-    // Held: many answers wait for the decoder, none much past a second.
-    const auto held = std::count_if(s.hold_ms.begin(), s.hold_ms.end(), [](double ms) { return ms >= 100; });
-    std::printf("   %zu answers, %td held 100 ms or more, longest %.0f ms\n", s.hold_ms.size(), held, s.max_hold_ms);
+    // Held: many answers wait for the decoder (how long depends on how fast
+    // the host decodes; a slave that answered at once would hold none 30 ms),
+    // none much past a second.
+    const auto held = std::count_if(s.hold_ms.begin(), s.hold_ms.end(), [](double ms) { return ms >= 30; });
+    std::printf("   %zu answers, %td held 30 ms or more, longest %.0f ms\n", s.hold_ms.size(), held, s.max_hold_ms);
     EXPECT_GE(held, static_cast<long>(s.hold_ms.size() / 4));
     EXPECT_LT(s.max_hold_ms, 1300.0);
 
