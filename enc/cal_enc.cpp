@@ -432,9 +432,11 @@ int cal_enc_update(cal_t* cal, hsc_msg_t* msg)
         // The update is never lost: the encoder thread, which owns the
         // channels it rebuilds, takes it on its next pass.
         TRACE("msgsnd update failed: left for the encoder thread\n");
-        enc->update_flag.store(p.sync, std::memory_order_relaxed);
-        enc->update_t.store(p.t, std::memory_order_relaxed);
-        enc->update_pending.store(1, std::memory_order_release);
+        pthread_mutex_lock(&enc->muxex);
+        enc->update_flag = p.sync;
+        enc->update_t = p.t;
+        enc->update_pending.store(1);
+        pthread_mutex_unlock(&enc->muxex);
     }
     return 0;
 }

@@ -110,11 +110,11 @@ struct cal_enc_t {
     int reserved2;
     kel_thread_t* thread_jpg;  // "cal_jpeg_thread"
     int msgid_ce_enc;
-    // An update the queue refused, left for the encoder thread's next pass
-    // (flag and t first, then pending set; the thread clears pending).
+    // An update the queue refused, left for the encoder thread's next pass;
+    // flag and t are written and taken under muxex.
     std::atomic<int> update_pending;
-    std::atomic<int> update_flag;
-    std::atomic<uint64_t> update_t;
+    int update_flag;
+    uint64_t update_t;
     ebuf_t* ebuf[CAL_ENC_SLOTS];  // current record buffer per slot
     uint64_t last_pts;            // last time stamp given to the platform, us
     int reserved3[4];

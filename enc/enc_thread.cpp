@@ -56,9 +56,13 @@ void pass(cal_enc_t* enc, enc_pass_state& st)
         m.type == MSG_CMD_ENC_UPDATE) {
         _update_chip(cal, m.body.flag, m.body.t);
         st.osd_pts = 0;
-    } else if (enc->update_pending.exchange(0, std::memory_order_acquire) != 0) {
-        _update_chip(cal, enc->update_flag.load(std::memory_order_relaxed),
-                     enc->update_t.load(std::memory_order_relaxed));
+    } else if (enc->update_pending.load() != 0) {
+        pthread_mutex_lock(&enc->muxex);
+        const int flag = enc->update_flag;
+        const uint64_t t = enc->update_t;
+        enc->update_pending.store(0);
+        pthread_mutex_unlock(&enc->muxex);
+        _update_chip(cal, flag, t);
         st.osd_pts = 0;
     }
 
