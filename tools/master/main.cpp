@@ -84,6 +84,7 @@ struct cli {
     int skip_show = 0;
     int md_threshold = 10;
     std::vector<tmaster::mask_plan> masks;
+    bool no_masks = false;
 };
 
 int usage(const char* why)
@@ -107,7 +108,8 @@ int usage(const char* why)
                  "  --out DIR       record: the folder for the .h264 files and summary.json\n"
                  "  --first-key-wait S  record: how long streams may take to begin (default 60)\n"
                  "  --md-threshold T  record: every camera's motion threshold, 0..256, -1 not set (default 10)\n"
-                 "  --mask CAM:x,y,w,h  record: a privacy mask on a camera, in fractions of the picture (repeatable)\n"
+                 "  --mask CAM:x,y,w,h  record: a privacy mask on a camera, in fractions of the picture (repeatable);\n"
+                 "                  none: no mask (default: one on each slave's first camera)\n"
                  "       tarvo-master layout --slave <binary> --board <dir> --png <file> [--cells 1|4|9|16]\n"
                  "                           [--cameras C] [--cam-base B] [--first K] [--narrow] [--zoom x,y,w,h]\n"
                  "                           [--pciv]\n"
@@ -200,6 +202,8 @@ int parse_cli(int argc, char** argv, cli* c)
         } else if (a == "--md-threshold") {
             if (!parse_int(v, -1, 256, &c->md_threshold))
                 return usage("--md-threshold takes -1..256");
+        } else if (a == "--mask" && std::strcmp(v, "none") == 0) {
+            c->no_masks = true;
         } else if (a == "--mask") {
             mask_plan k;
             if (std::sscanf(v, "%d:%lf,%lf,%lf,%lf", &k.camera, &k.x, &k.y, &k.w, &k.h) != 5 || !std::isfinite(k.x) ||
@@ -414,11 +418,12 @@ int run_record(const cli& c)
     record_options o;
     o.board = c.board;
     o.slave = c.slave;
+    // Without --mask, one mask per slave; --mask none: no mask at all.
+    o.plan = recorder_plan(c.slaves, c.cameras, c.masks.empty() && !c.no_masks);
     o.plan.out = c.out;
     o.plan.md_threshold = c.md_threshold;
-    o.plan.masks = c.masks;
-    for (int k = 1; k <= c.slaves; ++k)
-        o.plan.slaves.push_back({k, c.cameras * (k - 1), c.cameras, c.cameras});
+    if (!c.masks.empty())
+        o.plan.masks = c.masks;
     o.seconds = c.seconds;
     o.first_key_wait = std::chrono::seconds(c.first_key_wait_s);
     o.port_wait = std::chrono::seconds(c.port_wait_s);

@@ -112,6 +112,17 @@ void write_summary_file(record_summary& s)
 
 }  // namespace
 
+record_plan recorder_plan(int slaves, int cameras, bool slave_masks)
+{
+    record_plan plan;
+    for (int k = 1; k <= slaves; ++k) {
+        plan.slaves.push_back({k, cameras * (k - 1), cameras, cameras});
+        if (slave_masks)
+            plan.masks.push_back({cameras * (k - 1), 0.6, 0.05, 0.35, 0.2});
+    }
+    return plan;
+}
+
 std::vector<std::string> configure_recorder(master& m, const slave_plan& p, const record_plan& plan,
                                             std::chrono::milliseconds timeout)
 {

@@ -36,6 +36,12 @@ struct record_options {
     std::function<void(master& m, int second)> every_second;
 };
 
+// The recorder's plan for `slaves` slaves on chips 1..slaves, chip k with
+// cameras cameras * (k - 1) onwards, the other settings the defaults. With
+// slave_masks, every slave has one privacy mask, on its first camera (a
+// band along the picture's top right, where the time overlay is not).
+record_plan recorder_plan(int slaves, int cameras, bool slave_masks);
+
 // Runs a recording and returns its summary; also writes it to
 // <out>/summary.json. rc is 0 when every slave was set up, every
 // configured stream delivered its first key frame and every camera whose
