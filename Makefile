@@ -5,12 +5,14 @@ SHELL := /bin/bash
 JOBS ?= $(shell nproc)
 SUDO := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
 
-# Host build and tests, the ARM cross build run under qemu-arm, and the
-# libraries of the simulated board.
+# Host build and tests, the ARM cross build run under qemu-arm, the
+# libraries of the simulated board, and what the master emulator's report
+# needs (MP4 muxing, plots, and the browser its test opens it in).
 APT_PACKAGES := cmake make g++ libgtest-dev libgmock-dev googletest libbenchmark-dev libopenh264-dev \
                 g++-arm-linux-gnueabi qemu-user \
                 libjpeg62-turbo-dev libfreetype-dev fonts-dejavu-core libpng-dev pkg-config \
-                clang libclang-rt-14-dev
+                clang libclang-rt-14-dev \
+                libavformat-dev libavcodec-dev libavutil-dev gnuplot-nox chromium
 
 DEMO_BOARD ?= $(CURDIR)/build/demo-board
 DEMO_OUT ?= $(CURDIR)/build/demo-record

@@ -10,14 +10,55 @@
 #include <cstdint>
 #include <cstdio>
 #include <string>
+#include <vector>
 
 #include "master/record.h"
 #include "tests/support/h264_decode.h"
 #include "tests/support/test_board.h"
 
+extern "C" {
+#include <libavformat/avformat.h>
+}
+
 using namespace tmaster;
 
 namespace {
+
+// What a player sees of an MP4 file: its picture size, its frames in file
+// order with their key marks and presentation times.
+struct mp4_index {
+    bool opened = false;
+    int width = 0, height = 0;
+    std::vector<double> times;  // seconds
+    uint64_t keys = 0;
+    bool first_key = false;
+};
+
+mp4_index read_mp4(const std::string& path)
+{
+    mp4_index r;
+    AVFormatContext* ctx = nullptr;
+    if (avformat_open_input(&ctx, path.c_str(), nullptr, nullptr) != 0)
+        return r;
+    if (avformat_find_stream_info(ctx, nullptr) >= 0 && ctx->nb_streams == 1) {
+        r.opened = true;
+        const AVStream* st = ctx->streams[0];
+        r.width = st->codecpar->width;
+        r.height = st->codecpar->height;
+        AVPacket* pkt = av_packet_alloc();
+        while (av_read_frame(ctx, pkt) >= 0) {
+            const bool key = (pkt->flags & AV_PKT_FLAG_KEY) != 0;
+            if (r.times.empty())
+                r.first_key = key;
+            r.keys += key;
+            r.times.push_back(static_cast<double>(pkt->pts) * av_q2d(st->time_base));
+            av_packet_unref(pkt);
+        }
+        av_packet_free(&pkt);
+    }
+    avformat_close_input(&ctx);
+    return r;
+}
 
 constexpr int SECONDS = 60;
 // The thread sanitizer slows every thread of the slave several times over:
@@ -106,6 +147,24 @@ TEST(record_e2e, two_slaves_record_a_minute_of_every_stream_whole_at_its_rate_an
                 EXPECT_NEAR(static_cast<double>(st->frames), fps * st->seconds, 2 * fps);
                 if (t == stream_type::rec || t == stream_type::copy) {
                     EXPECT_NEAR(st->kbps, 4714, 4714 * 0.2);
+                }
+
+                // The MP4 twin: the same frames at the times the slave gave
+                // them, one frame period apart.
+                mp4_index m = read_mp4(out.path() + "/" + st->mp4);
+                ASSERT_TRUE(m.opened) << st->mp4;
+                EXPECT_EQ(m.width, st->want.width);
+                EXPECT_EQ(m.height, st->want.height);
+                EXPECT_EQ(m.times.size(), st->frames);
+                EXPECT_TRUE(m.first_key);
+                EXPECT_EQ(m.keys, st->key_frames);
+                if (m.times.size() > 1) {
+                    double widest = 0;
+                    for (size_t k = 1; k < m.times.size(); ++k)
+                        widest = std::max(widest, m.times[k] - m.times[k - 1]);
+                    const double period = (m.times.back() - m.times.front()) / static_cast<double>(m.times.size() - 1);
+                    EXPECT_NEAR(period, 1.0 / fps, 0.05 / fps);
+                    EXPECT_LE(widest, 2.0 / fps) << "a pause in a stream that lost nothing";
                 }
 
                 ASSERT_FALSE(st->file.empty());

@@ -437,8 +437,10 @@ int run_record(const cli& c)
     print_record_summary(stdout, s);
     if (s.rc != 0)
         std::printf("== the recording did not complete: %s\n", s.error.c_str());
-    std::printf("== files: %s/slave<chip>/cam<NN>-<rec|reclow|netlow|copy>.h264, summary: %s/summary.json\n",
+    std::printf("== files: %s/slave<chip>/cam<NN>-<rec|reclow|netlow|copy>.{h264,mp4}, summary: %s/summary.json\n",
                 c.out.c_str(), c.out.c_str());
+    if (!s.report.empty())
+        std::printf("== report: %s/%s\n", c.out.c_str(), s.report.c_str());
     std::printf("== slave consoles and logs: %s/chip<k>.console, %s/chip<k>/\n", c.board.c_str(), c.board.c_str());
     return s.rc != 0 ? s.rc : s.all_violations() != 0 ? 1 : 0;
 }

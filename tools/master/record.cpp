@@ -12,6 +12,7 @@
 #include "master/internal.h"
 #include "master/master.h"
 #include "master/overlay.h"
+#include "master/report.h"
 
 namespace tmaster {
 
@@ -94,6 +95,21 @@ void save_overlays(const record_options& o, const master& m)
                 say_progress(o.progress, "-- %s\n", err.c_str());
             else
                 say_progress(o.progress, "-- chip %d camera %d: overlay at %d,%d saved as %s\n", p.chip, cam, r.x, r.y, name + 1);
+        }
+    }
+}
+
+// Every slave's status, once: what the report plots (heartbeats and the
+// cameras' measured frame rates).
+void poll_status(master& m, const record_plan& plan, std::vector<status_sample>& out)
+{
+    for (const slave_plan& p : plan.slaves) {
+        status_sample& x = out.emplace_back();
+        x.chip = p.chip;
+        x.at = wall_seconds();
+        if (std::optional<status_t> st = m.get_status(p.chip, std::chrono::milliseconds(1000))) {
+            x.ok = true;
+            x.st = *st;
         }
     }
 }
@@ -288,13 +304,19 @@ record_summary record(record_options o)
     }
     double waited = since(t0);
     double began_at = 0, ended_at = 0;
+    std::vector<status_sample> polls;
     if (begun) {
         say_progress(o.progress, "-- every stream has begun after %.1f s; recording %d s\n", waited, o.seconds);
         auto t1 = steady::now();
         began_at = wall_seconds();
         next_line = o.progress_every_s;
         int next_tick = 1;
+        int next_poll = 0;
         while (!interrupted(o) && since(t1) < o.seconds) {
+            if (since(t1) >= next_poll) {
+                poll_status(m, o.plan, polls);
+                ++next_poll;
+            }
             std::this_thread::sleep_for(std::chrono::milliseconds(100));
             if (since(t1) >= next_line) {
                 progress_line(o, rec, "recording", since(t1));
@@ -327,6 +349,9 @@ record_summary record(record_options o)
     s.waited_s = waited;
     s.began_at = began_at;
     s.ended_at = ended_at;
+    s.slaves = o.plan.slaves;
+    s.masks = o.plan.masks;
+    s.status = std::move(polls);
     if (!setup_error.empty()) {
         s.rc = 1;
         s.error = setup_error;
@@ -356,7 +381,16 @@ record_summary record(record_options o)
         s.rc = 1;
         s.error = "interrupted";
     }
+    if (!o.plan.out.empty())
+        s.report = "report.html";
     write_summary_file(s);
+    if (!s.report.empty()) {
+        report_result r = write_report(s);
+        for (const std::string& n : r.notes)
+            say_progress(o.progress, "-- report: %s\n", n.c_str());
+        if (r.rc != 0)
+            s.report.clear();
+    }
     return s;
 }
 

@@ -41,6 +41,12 @@ std::string formatf(const char* fmt, ...)
     return s;
 }
 
+// The MP4 twin of a stream's .h264 file.
+std::string mp4_name(const std::string& h264)
+{
+    return h264.substr(0, h264.size() - std::strlen(".h264")) + ".mp4";
+}
+
 struct local_day {
     uint32_t sec_of_day;
     int mday;
@@ -272,24 +278,37 @@ std::vector<std::string> check_record_buffer(const record_batch& b)
     return out;
 }
 
-void check_desc_time(const nbuf_desc_t& d, double now_s, std::vector<std::string>& out)
+double desc_time_s(const nbuf_desc_t& d)
 {
-    if (d.mon < 1 || d.mon > 12 || d.mday < 1 || d.mday > 31 || d.msec >= 86400000u) {
-        out.push_back(formatf("date %u-%u-%u msec %u", d.year, d.mon, d.mday, d.msec));
-        return;
-    }
+    if (d.mon < 1 || d.mon > 12 || d.mday < 1 || d.mday > 31 || d.msec >= 86400000u)
+        return -1;
     tm b{};
     b.tm_year = d.year - 1900;
     b.tm_mon = d.mon - 1;
     b.tm_mday = d.mday;
-    b.tm_hour = static_cast<int>(d.msec / 3600000u);
-    b.tm_min = static_cast<int>(d.msec / 60000u % 60u);
-    b.tm_sec = static_cast<int>(d.msec / 1000u % 60u);
     b.tm_isdst = -1;
     time_t t = mktime(&b);
-    if (t == static_cast<time_t>(-1) || std::fabs(static_cast<double>(t) - now_s) > CLOCK_SLACK_S)
+    if (t == static_cast<time_t>(-1))
+        return -1;
+    return static_cast<double>(t) + d.msec / 1000.0;
+}
+
+int64_t record_time_us(const record_frame& f, int sys_fps)
+{
+    const int64_t period = sys_fps > 0 ? 1000000 / sys_fps : 0;
+    return static_cast<int64_t>(f.time) * 1000000 + f.entry.frame_idx * period;
+}
+
+void check_desc_time(const nbuf_desc_t& d, double now_s, std::vector<std::string>& out)
+{
+    const double t = desc_time_s(d);
+    if (t < 0) {
+        out.push_back(formatf("date %u-%u-%u msec %u", d.year, d.mon, d.mday, d.msec));
+        return;
+    }
+    if (std::fabs(std::floor(t) - now_s) > CLOCK_SLACK_S)
         out.push_back(formatf("time %04u-%02u-%02u +%u ms lies %.0f s from the master's clock", d.year, d.mon,
-                              d.mday, d.msec, static_cast<double>(t) - now_s));
+                              d.mday, d.msec, std::floor(t) - now_s));
 }
 
 // ---- the recorder ------------------------------------------------------------------------
@@ -336,8 +355,8 @@ recorder::recorder(record_plan plan) : plan_(std::move(plan))
                 if ((t == stream_type::rec || t == stream_type::copy) && !cam.rec)
                     continue;
                 stream_key k{p.chip, p.cam_base + c, t};
-                auto [it, _] = streams_.try_emplace(k, stream_state{stream_check(k, setting_of(t), chn_of(p, k.camera, t)),
-                                                                    {}, {}, true});
+                auto [it, _] = streams_.try_emplace(
+                    k, stream_state{stream_check(k, setting_of(t), chn_of(p, k.camera, t)), {}, {}, true, {}, {}});
                 char name[64];
                 std::snprintf(name, sizeof(name), "slave%d/cam%02d-%s.h264", p.chip, k.camera, stream_type_name(t));
                 it->second.rel = name;
@@ -397,6 +416,8 @@ int recorder::open(std::string* err)
     for (auto& [k, s] : streams_) {
         if (s.file.open(plan_.out + "/" + s.rel, err) != 0)
             return -1;
+        const stream_setting& w = s.check.want_;
+        s.mp4.open(plan_.out + "/" + mp4_name(s.rel), w.width, w.height);
     }
     return 0;
 }
@@ -404,8 +425,11 @@ int recorder::open(std::string* err)
 void recorder::finish()
 {
     std::lock_guard lk(mu_);
-    for (auto& [k, s] : streams_)
+    for (auto& [k, s] : streams_) {
         s.file.close();
+        if (s.mp4.close() != 0)
+            problems_.add("%s", s.mp4.error().c_str());
+    }
 }
 
 recorder::stream_state* recorder::stream_locked(const stream_key& k)
@@ -416,21 +440,28 @@ recorder::stream_state* recorder::stream_locked(const stream_key& k)
     const slave_plan* p = slave_of(k.chip);
     if (p == nullptr)
         return nullptr;
-    auto [n, _] = streams_.try_emplace(k, stream_state{stream_check(k, setting_of(k.type), chn_of(*p, k.camera, k.type)),
-                                                      {}, {}, false});
+    auto [n, _] = streams_.try_emplace(
+        k, stream_state{stream_check(k, setting_of(k.type), chn_of(*p, k.camera, k.type)), {}, {}, false, {}, {}});
     n->second.check.problems().add("a %s stream of camera %d, which was not switched on", stream_type_name(k.type),
                                    k.camera);
     return &n->second;
 }
 
-void recorder::keep_locked(stream_state& s, std::span<const uint8_t> au)
+void recorder::keep_locked(stream_state& s, std::span<const uint8_t> au, int64_t time_us, bool key)
 {
+    rate_point& r = s.rate[time_us / 1000000];
+    r.second = time_us / 1000000;
+    ++r.frames;
+    r.bytes += au.size();
     if (!s.file.is_open())
         return;
     if (s.file.append(au) != 0 && !write_failed_) {
         write_failed_ = true;
         problems_.add("%s: write failed: %s", s.rel.c_str(), std::strerror(errno));
     }
+    // An MP4 that failed once says so at the end and takes nothing more.
+    if (!s.mp4.path().empty())
+        s.mp4.append(au, time_us, key);
 }
 
 void recorder::take(const notification& n, std::span<const uint8_t> written)
@@ -517,7 +548,7 @@ void recorder::take_record(int chip, const record_batch& b, std::span<const uint
         if (!s->check.take(au, e.key != 0, now_s))
             continue;
         s->check.position(f.mday, static_cast<uint64_t>(plan_.sys_fps) * e.sec_of_day + e.frame_idx, "slot index");
-        keep_locked(*s, au);
+        keep_locked(*s, au, record_time_us(f, plan_.sys_fps), e.key != 0);
     }
     for (stream_state* s : in_buffer) {
         for (const std::string& t : whole)
@@ -566,7 +597,8 @@ void recorder::take_network(int chip, const network_batch& b, std::span<const ui
         if (!s->check.take(au, d.key != 0, now_s))
             continue;
         s->check.position(static_cast<uint32_t>(d.year) * 10000u + d.mon * 100u + d.mday, d.msec, "msec");
-        keep_locked(*s, au);
+        const double at = desc_time_s(d);
+        keep_locked(*s, au, static_cast<int64_t>(std::llround((at < 0 ? now_s : at) * 1e6)), d.key != 0);
     }
 }
 
@@ -621,6 +653,10 @@ record_summary recorder::summary() const
         stream_summary x;
         x.key = k;
         x.file = s.configured && !plan_.out.empty() ? s.rel : "";
+        x.mp4 = s.mp4.frames() > 0 && s.mp4.error().empty() ? mp4_name(s.rel) : "";
+        x.rate.reserve(s.rate.size());
+        for (const auto& [sec, p] : s.rate)
+            x.rate.push_back(p);
         x.want = c.want_;
         x.frames = c.frames;
         x.key_frames = c.key_frames;
@@ -693,6 +729,7 @@ std::string summary_json(const record_summary& s)
         j += (i ? ", " : "") + json_string(s.problems[i]);
     j += "],\n  \"motion_reports\": " + std::to_string(s.motion_reports) + ",\n";
     j += "  \"motion_log\": " + json_string(s.motion_log) + ",\n";
+    j += "  \"report\": " + json_string(s.report) + ",\n";
     j += "  \"motion_maps\": [";
     for (size_t i = 0; i < s.motion_maps.size(); ++i)
         j += (i ? ", " : "") + json_string(s.motion_maps[i]);
@@ -704,6 +741,7 @@ std::string summary_json(const record_summary& s)
         j += ", \"camera\": " + std::to_string(x.key.camera);
         j += ", \"stream\": " + json_string(stream_type_name(x.key.type));
         j += ", \"file\": " + json_string(x.file);
+        j += ", \"mp4\": " + json_string(x.mp4);
         j += ", \"width\": " + std::to_string(x.want.width);
         j += ", \"height\": " + std::to_string(x.want.height);
         j += ", \"fps\": " + std::to_string(x.want.fps);

@@ -38,6 +38,7 @@
 #include <vector>
 
 #include "master/h264.h"
+#include "master/mp4.h"
 #include "master/parse.h"
 
 namespace tmaster {
@@ -180,9 +181,18 @@ private:
     uint64_t pos_ = 0;
 };
 
+// A stream's frames and bytes in one second of the frames' own time.
+struct rate_point {
+    int64_t second = 0;  // seconds since the epoch
+    uint32_t frames = 0;
+    uint64_t bytes = 0;
+};
+
 struct stream_summary {
     stream_key key{};
     std::string file;  // relative to the output folder; empty when none
+    std::string mp4;   // the same frames as MP4, at their own times; empty when none
+    std::vector<rate_point> rate;  // second by second, seconds without frames left out
     stream_setting want;
     uint64_t frames = 0, key_frames = 0, bytes = 0;
     double seconds = 0;     // from the first kept frame to the last, one period included
@@ -215,6 +225,14 @@ struct snapshot_transfer {
     std::vector<int> cameras;  // in the batch's order
 };
 
+// One HSCC_CAL_GetStatus poll of a slave during the recording.
+struct status_sample {
+    int chip = 0;
+    double at = 0;    // master's wall clock, seconds since the epoch
+    bool ok = false;  // answered; st holds the reply
+    status_t st{};
+};
+
 struct record_summary {
     int rc = 0;          // 0: set up, recorded and every stream delivered
     std::string error;   // why rc is not 0
@@ -235,6 +253,10 @@ struct record_summary {
     // wall clock (seconds since the epoch); 0 when it never began.
     double began_at = 0;
     double ended_at = 0;
+    std::vector<slave_plan> slaves;      // as planned
+    std::vector<mask_plan> masks;        // as set
+    std::vector<status_sample> status;   // once a second while recording
+    std::string report;                  // the report page, relative to out; empty when none
 
     uint64_t all_violations() const;
     // Snapshots of a camera that arrived within [from, to].
@@ -255,7 +277,8 @@ public:
     explicit recorder(record_plan plan);
 
     // Creates the output folder and one file per configured stream:
-    // <out>/slave<chip>/cam<NN>-<rec|reclow|netlow|copy>.h264.
+    // <out>/slave<chip>/cam<NN>-<rec|reclow|netlow|copy>.h264, and names
+    // its MP4 twin (.mp4), written from the stream's first key frame on.
     int open(std::string* err);
     // The master's notification callback.
     void take(const notification& n, std::span<const uint8_t> written);
@@ -263,7 +286,7 @@ public:
     void take_network(int chip, const network_batch& b, std::span<const uint8_t> written, double now_s);
     // Keeps every snapshot as <out>/slave<chip>/snap/cam<NN>-<time>.jpg.
     void take_jpeg(int chip, const jpeg_batch& b, std::span<const uint8_t> written, double arrival);
-    void finish();  // closes the files
+    void finish();  // closes the files (the MP4 files get their index)
 
     // A camera whose REC runs on an input sends snapshots too: they count as
     // one more stream, begun with its first snapshot.
@@ -286,10 +309,13 @@ private:
         h264_file file;
         std::string rel;
         bool configured = false;
+        mp4_file mp4;
+        std::map<int64_t, rate_point> rate;  // by second
     };
     const slave_plan* slave_of(int chip) const;
     stream_state* stream_locked(const stream_key& k);
-    void keep_locked(stream_state& s, std::span<const uint8_t> au);
+    // Keeps a checked frame with its own time (microseconds since the epoch).
+    void keep_locked(stream_state& s, std::span<const uint8_t> au, int64_t time_us, bool key);
     stream_setting setting_of(stream_type t) const;
     uint32_t chn_of(const slave_plan& p, int camera, stream_type t) const;
 
@@ -314,5 +340,11 @@ std::vector<std::string> check_record_buffer(const record_batch& b);
 void check_entry_time(const record_frame& f, int sys_fps, double now_s, std::vector<std::string>& out);
 // One network descriptor's time fields against the master's clock.
 void check_desc_time(const nbuf_desc_t& d, double now_s, std::vector<std::string>& out);
+// The descriptor's time in seconds since the epoch (its date at local
+// midnight plus its milliseconds), or -1 when its date is no date.
+double desc_time_s(const nbuf_desc_t& d);
+// A record entry's time in microseconds since the epoch: its second plus
+// the frame index's slot of the system frame rate.
+int64_t record_time_us(const record_frame& f, int sys_fps);
 
 }  // namespace tmaster
