@@ -72,7 +72,7 @@ TEST(mp4_file, frames_keep_their_own_times_and_a_repeated_time_is_moved_past_the
     temp_dir dir;
     const std::string path = dir.path() + "/a.mp4";
     mp4_file f;
-    f.open(path, 352, 288);
+    f.open(path, 352, 288, 15);
     // Frames before the first key frame cannot be shown: not written.
     EXPECT_EQ(f.append(access_unit(0, 0, 0, false), 1'000'000, false), 0);
     const int64_t t0 = 1'700'000'000'000'000;
@@ -97,16 +97,53 @@ TEST(mp4_file, frames_keep_their_own_times_and_a_repeated_time_is_moved_past_the
     }
 }
 
+// The last frame has no successor to give it a duration, and a file whose
+// index ends where the last frame begins hides it from players. Network
+// frames' times are whole milliseconds, with repeats and lost seconds:
+// every frame must be found again, the last one too, in every such stream.
+TEST(mp4_file, every_frame_is_played_the_last_one_too)
+{
+    temp_dir dir;
+    uint32_t x = 1;
+    auto rnd = [&x] {
+        x = x * 1664525u + 1013904223u;
+        return x >> 8;
+    };
+    int hidden = 0;
+    for (int trial = 0; trial < 200; ++trial) {
+        const std::string path = dir.path() + "/t" + std::to_string(trial) + ".mp4";
+        const int fps = trial % 2 != 0 ? 30 : 15;
+        const int n = 20 + static_cast<int>(rnd() % 100);
+        mp4_file f;
+        f.open(path, 352, 288, fps);
+        int64_t t = 1'700'000'000'000'000 + (rnd() % 1000) * 1000;
+        for (int k = 0; k < n; ++k) {
+            const uint32_t r = rnd() % 100;
+            if (r >= 15)  // the next frame, within a millisecond
+                t += (1000 / fps + static_cast<int64_t>(rnd() % 3) - 1) * 1000;
+            else if (r >= 10)  // a lost second
+                t += 1'000'000;
+            // else the same time again
+            const bool key = k % fps == 0;
+            ASSERT_EQ(f.append(access_unit(0, 0, static_cast<uint32_t>(k), key), t, key), 0) << f.error();
+        }
+        ASSERT_EQ(f.close(), 0) << f.error();
+        if (mp4_packets(path).size() != static_cast<size_t>(n))
+            ++hidden;
+    }
+    EXPECT_EQ(hidden, 0) << "streams that lost a frame in their MP4";
+}
+
 TEST(mp4_file, a_stream_without_frames_leaves_no_file_and_one_without_sps_is_refused)
 {
     temp_dir dir;
     mp4_file empty;
-    empty.open(dir.path() + "/empty.mp4", 352, 288);
+    empty.open(dir.path() + "/empty.mp4", 352, 288, 15);
     EXPECT_EQ(empty.close(), 0);
     EXPECT_FALSE(std::filesystem::exists(dir.path() + "/empty.mp4"));
 
     mp4_file bad;
-    bad.open(dir.path() + "/bad.mp4", 352, 288);
+    bad.open(dir.path() + "/bad.mp4", 352, 288, 15);
     std::vector<uint8_t> idr_only = {0, 0, 0, 1, 0x65, 0x88, 0x80, 0x40};
     EXPECT_EQ(bad.append(idr_only, 0, true), -1);
     EXPECT_NE(bad.error().find("SPS"), std::string::npos) << bad.error();

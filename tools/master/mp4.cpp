@@ -45,6 +45,7 @@ mp4_file& mp4_file::operator=(mp4_file&& o) noexcept
         error_ = std::move(o.error_);
         width_ = o.width_;
         height_ = o.height_;
+        fps_ = o.fps_;
         ctx_ = std::exchange(o.ctx_, nullptr);
         pkt_ = std::exchange(o.pkt_, nullptr);
         failed_ = o.failed_;
@@ -56,12 +57,13 @@ mp4_file& mp4_file::operator=(mp4_file&& o) noexcept
     return *this;
 }
 
-void mp4_file::open(std::string path, int width, int height)
+void mp4_file::open(std::string path, int width, int height, int fps)
 {
     close();
     path_ = std::move(path);
     width_ = width;
     height_ = height;
+    fps_ = fps;
     error_.clear();
     failed_ = false;
     last_ts_ = -1;
@@ -147,6 +149,7 @@ int mp4_file::append(std::span<const uint8_t> au, int64_t time_us, bool key)
     pkt_->size = static_cast<int>(au.size());
     pkt_->pts = ts;
     pkt_->dts = ts;
+    pkt_->duration = fps_ > 0 ? av_rescale_q(1, AVRational{1, fps_}, tb) : 0;
     pkt_->flags = key ? AV_PKT_FLAG_KEY : 0;
     pkt_->stream_index = 0;
     int r = av_write_frame(ctx_, pkt_);

@@ -24,8 +24,10 @@ public:
     ~mp4_file() { close(); }
 
     // Names the file; nothing is written before the first frame, whose
-    // SPS and PPS the file's header needs.
-    void open(std::string path, int width, int height);
+    // SPS and PPS the file's header needs. `fps` gives each frame its
+    // duration: the last frame's is nowhere else, and without it the
+    // file's edit list may end where the last frame begins and hide it.
+    void open(std::string path, int width, int height, int fps);
     // One access unit (Annex B) at `time_us` (microseconds, any origin).
     // The first frame must be a key frame holding SPS and PPS. A time not
     // after the previous frame's is moved 1 ms past it, so the file stays
@@ -49,6 +51,7 @@ private:
     std::string error_;
     int width_ = 0;
     int height_ = 0;
+    int fps_ = 0;
     AVFormatContext* ctx_ = nullptr;
     AVPacket* pkt_ = nullptr;
     bool failed_ = false;

@@ -417,7 +417,7 @@ int recorder::open(std::string* err)
         if (s.file.open(plan_.out + "/" + s.rel, err) != 0)
             return -1;
         const stream_setting& w = s.check.want_;
-        s.mp4.open(plan_.out + "/" + mp4_name(s.rel), w.width, w.height);
+        s.mp4.open(plan_.out + "/" + mp4_name(s.rel), w.width, w.height, w.fps);
     }
     return 0;
 }
