@@ -18,16 +18,16 @@
 // N slaves, configures them as a recorder does, waits until every stream has
 // begun, records S seconds into one .h264 and one .mp4 file per camera and
 // stream under the output folder, checks everything that arrives, prints
-// the summary (also written to <out>/summary.json) and writes report.html. layout starts one slave of C
-// cameras (default 4) from camera B, lays out a screen of 1, 4, 9 or 16
-// cells with cameras K, K + 1, ... (cells of other slaves included), zooms
-// a single cell, optionally sets up PCI video channels (main live for the
-// first camera, spot for the second, picture-in-picture on the first
-// sub-capture group) and draws the slave's part of the screen from its
-// media.json as a PNG. play starts one slave, hands it the
-// main recording streams of chip 1's first C cameras that record wrote under
-// --from as playback records on port 107, and compares the pictures the
-// board decoded with the frames sent.
+// the summary (also written to <out>/summary.json) and writes report.html.
+// layout starts one slave of C cameras (default 4) from camera B, lays out a
+// screen of 1, 4, 9 or 16 cells with cameras K, K + 1, ... (cells of other
+// slaves included), zooms a single cell, optionally sets up PCI video
+// channels (main live for the first camera, spot for the second,
+// picture-in-picture on the first sub-capture group) and draws the slave's
+// part of the screen from its media.json as a PNG. play starts one slave,
+// hands it the main recording streams of chip 1's first C cameras that
+// record wrote under --from as playback records on port 107, and compares
+// the pictures the board decoded with the frames sent.
 #include <signal.h>
 #include <unistd.h>
 
