@@ -164,7 +164,9 @@ TEST(record_e2e, two_slaves_record_a_minute_of_every_stream_whole_at_its_rate_an
                         widest = std::max(widest, m.times[k] - m.times[k - 1]);
                     const double period = (m.times.back() - m.times.front()) / static_cast<double>(m.times.size() - 1);
                     EXPECT_NEAR(period, 1.0 / fps, 0.05 / fps);
-                    EXPECT_LE(widest, 2.0 / fps) << "a pause in a stream that lost nothing";
+                    // Two periods at most (a frame may take the next slot
+                    // of its second), give or take the times' rounding.
+                    EXPECT_LE(widest, 2.0 / fps + 1e-4) << "a pause in a stream that lost nothing";
                 }
 
                 ASSERT_FALSE(st->file.empty());

@@ -92,14 +92,19 @@ TEST_F(sim_vda_test, a_moving_bar_moves_full_columns_and_a_still_camera_nothing)
     ASSERT_EQ(poll(&p, 1, 3000), 1);
     for (int i = 0; i < 4; ++i) {
         std::vector<uint8_t> c = next(0);
-        // 3 pictures at 30 fps: the bar (64 px of 512) moves ~4 px, so only
-        // the cells under its two edges change (at most two columns each);
-        // every other cell is 0.
-        int zero = 0;
-        for (uint8_t v : c)
-            zero += v == 0;
-        EXPECT_GE(zero, 32 * 18 - 18 * 4);
-        EXPECT_LT(zero, 32 * 18);
+        // 3 pictures at 30 fps: the bar (64 px of 512, the picture's whole
+        // height) moves ~4 px, so only the cells under its two edges change.
+        // A busy host may space the pictures further apart, and the bar
+        // moves further, but always whole columns (every row moved or none),
+        // some columns moved and most still.
+        int moved = 0;
+        for (int x = 0; x < 32; ++x) {
+            for (int y = 1; y < 18; ++y)
+                EXPECT_EQ(c[y * 32 + x] != 0, c[x] != 0) << "column " << x << " row " << y;
+            moved += c[x] != 0;
+        }
+        EXPECT_GE(moved, 1);
+        EXPECT_LE(moved, 16);
         EXPECT_THAT(next(1), Each(0));
     }
 }
