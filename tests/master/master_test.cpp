@@ -487,12 +487,18 @@ TEST_F(master_test, a_recorder_as_the_notification_callback_writes_what_a_slave_
     ASSERT_EQ(rec.open(&err), 0) << err;
     m_->on_notification([&rec](const notification& n, std::span<const uint8_t> w) { rec.take(n, w); });
 
-    // NET LOW of camera 1 (stream 1 + 2), two frames, as a slave writes them.
+    // NET LOW of camera 1 (stream 1 + 2), two frames, as a slave writes them,
+    // stamped by their encoder 400 and 200 ms before now.
     time_t now = std::time(nullptr);
     tm b{};
     localtime_r(&now, &b);
     uint32_t ms = static_cast<uint32_t>(b.tm_hour * 3600 + b.tm_min * 60 + b.tm_sec) * 1000;
-    std::vector<uint8_t> a0 = access_unit(1, 7, 0, true), a1 = access_unit(1, 7, 1, false);
+    const uint64_t now_us = static_cast<uint64_t>(
+        std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::system_clock::now().time_since_epoch())
+            .count());
+    std::vector<uint8_t> a0 = access_unit(1, 7, 0, true, 64, now_us - 400000),
+                         a1 = access_unit(1, 7, 1, false, 64, now_us - 200000);
+    rec.time_network_from(static_cast<double>(now - 1));
     auto desc = [&](const std::vector<uint8_t>& au, uint32_t t, uint16_t key) {
         return nbuf_desc_t{static_cast<uint16_t>(b.tm_year + 1900), static_cast<uint8_t>(b.tm_mon + 1),
                            static_cast<uint8_t>(b.tm_mday), t, 0, key, 352, 288, 15, 1, 2, 0,
@@ -515,6 +521,12 @@ TEST_F(master_test, a_recorder_as_the_notification_callback_writes_what_a_slave_
     EXPECT_EQ(s.all_violations(), 0u) << summary_json(s);
     EXPECT_EQ(s.network_batches, 1u);
     EXPECT_EQ(s.find(1, 1, stream_type::netlow)->frames, 2u);
+    // From the encoder's stamp to the file: of two frames the lower is the
+    // median, the higher the 99th percentile.
+    EXPECT_EQ(s.net_latency_frames, 2u);
+    EXPECT_GE(s.net_latency_p99_ms, 400.0);
+    EXPECT_LT(s.net_latency_p99_ms, 400.0 + 5000.0);
+    EXPECT_LT(s.net_latency_p50_ms, s.net_latency_p99_ms);
     std::ifstream f(plan.out + "/slave1/cam01-netlow.h264", std::ios::binary);
     std::vector<uint8_t> got((std::istreambuf_iterator<char>(f)), {});
     std::vector<uint8_t> want = a0;

@@ -124,8 +124,10 @@ inline std::vector<uint8_t> sei_nal(uint32_t cam, uint32_t chn, uint32_t seq, ui
 }
 
 // One access unit as the board's encoder makes it: SPS, PPS, SEI, slice for
-// a key frame; SEI, slice otherwise.
-inline std::vector<uint8_t> access_unit(uint32_t cam, uint32_t chn, uint32_t seq, bool key, size_t slice = 64)
+// a key frame; SEI, slice otherwise. Its time stamp is pts, or when 0 one
+// frame period per seq from a fixed second.
+inline std::vector<uint8_t> access_unit(uint32_t cam, uint32_t chn, uint32_t seq, bool key, size_t slice = 64,
+                                        uint64_t pts = 0)
 {
     std::vector<uint8_t> au;
     auto nal = [&](const std::vector<uint8_t>& n, bool four) {
@@ -139,7 +141,7 @@ inline std::vector<uint8_t> access_unit(uint32_t cam, uint32_t chn, uint32_t seq
         nal({0x67, 0x42, 0x00, 0x1f, 0xe9}, true);
         nal({0x68, 0xce, 0x3c, 0x80}, true);
     }
-    nal(sei_nal(cam, chn, seq, 1000000ull * 1700000000 + seq * 33333ull), !key);
+    nal(sei_nal(cam, chn, seq, pts != 0 ? pts : 1000000ull * 1700000000 + seq * 33333ull), !key);
     std::vector<uint8_t> s(slice, 0x5a);
     s[0] = key ? 0x65 : 0x41;
     nal(s, false);

@@ -206,6 +206,20 @@ std::vector<media_vdec> read_media_vdec(const std::string& path)
     return out;
 }
 
+media_venc_totals read_media_venc(const std::string& path)
+{
+    media_venc_totals t;
+    for (const std::string& o : list_items(read_text(path), "venc")) {
+        uint64_t v = 0;
+        ++t.channels;
+        if (number(o, "produced", &v))
+            t.produced += v;
+        if (number(o, "dropped", &v))
+            t.dropped += v;
+    }
+    return t;
+}
+
 uint64_t read_media_user_frames(const std::string& path, int grp)
 {
     for (const std::string& o : list_items(read_text(path), "vpss")) {
@@ -263,13 +277,27 @@ double proc_cpu_s(pid_t pid, bool own_only)
     return sum;
 }
 
-size_t proc_rss_kb(pid_t pid)
+namespace {
+
+size_t proc_status_kb(pid_t pid, const std::string& field)
 {
     std::ifstream st("/proc/" + std::to_string(pid) + "/status");
     for (std::string line; std::getline(st, line);)
-        if (line.rfind("VmRSS:", 0) == 0)
-            return static_cast<size_t>(std::strtoull(line.c_str() + 6, nullptr, 10));
+        if (line.rfind(field, 0) == 0)
+            return static_cast<size_t>(std::strtoull(line.c_str() + field.size(), nullptr, 10));
     return 0;
+}
+
+}  // namespace
+
+size_t proc_rss_kb(pid_t pid)
+{
+    return proc_status_kb(pid, "VmRSS:");
+}
+
+size_t proc_peak_rss_kb(pid_t pid)
+{
+    return proc_status_kb(pid, "VmHWM:");
 }
 
 // ---- the command -------------------------------------------------------------------

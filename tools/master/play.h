@@ -182,5 +182,15 @@ uint64_t read_media_user_frames(const std::string& media_json, int grp);
 double proc_cpu_s(pid_t pid, bool own_only);
 // VmRSS of process pid in kB; 0 when unknown.
 size_t proc_rss_kb(pid_t pid);
+// VmHWM (the peak of VmRSS) of process pid in kB; 0 when unknown.
+size_t proc_peak_rss_kb(pid_t pid);
+
+// The board's encoder channels as media.json shows them, summed.
+struct media_venc_totals {
+    int channels = 0;
+    uint64_t produced = 0;
+    uint64_t dropped = 0;  // pictures the channels dropped for want of room
+};
+media_venc_totals read_media_venc(const std::string& media_json);
 
 }  // namespace tmaster

@@ -309,6 +309,7 @@ record_summary record(record_options o)
         say_progress(o.progress, "-- every stream has begun after %.1f s; recording %d s\n", waited, o.seconds);
         auto t1 = steady::now();
         began_at = wall_seconds();
+        rec.time_network_from(began_at);
         next_line = o.progress_every_s;
         int next_tick = 1;
         int next_poll = 0;

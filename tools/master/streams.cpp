@@ -2,6 +2,7 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cmath>
@@ -39,6 +40,14 @@ std::string formatf(const char* fmt, ...)
     std::string s = format(fmt, ap);
     va_end(ap);
     return s;
+}
+
+// The master's wall clock in microseconds since the epoch.
+int64_t wall_us()
+{
+    return std::chrono::duration_cast<std::chrono::microseconds>(
+               std::chrono::system_clock::now().time_since_epoch())
+        .count();
 }
 
 // The MP4 twin of a stream's .h264 file.
@@ -200,6 +209,7 @@ bool stream_check::take(std::span<const uint8_t> au, bool key_flag, double arriv
     } else if (sei->chn != chn_) {
         problems_.add("seq %u names encoder channel %u; the stream's is %u", sei->seq, sei->chn, chn_);
     }
+    last_sei = sei.has_value();
     ++frames;
     key_frames += key ? 1 : 0;
     bytes += au.size();
@@ -599,7 +609,20 @@ void recorder::take_network(int chip, const network_batch& b, std::span<const ui
         s->check.position(static_cast<uint32_t>(d.year) * 10000u + d.mon * 100u + d.mday, d.msec, "msec");
         const double at = desc_time_s(d);
         keep_locked(*s, au, static_cast<int64_t>(std::llround((at < 0 ? now_s : at) * 1e6)), d.key != 0);
+        if (latency_from_ >= 0 && s->check.last_sei) {
+            // The board stamps pictures on the master's clock, set by the update.
+            const int64_t written_us = wall_us();
+            const int64_t lat = written_us - static_cast<int64_t>(s->check.last_pts);
+            if (static_cast<double>(written_us) >= latency_from_ * 1e6 && lat >= 0 && lat < INT32_MAX)
+                net_latency_us_.push_back(static_cast<uint32_t>(lat));
+        }
     }
+}
+
+void recorder::time_network_from(double wall_s)
+{
+    std::lock_guard lk(mu_);
+    latency_from_ = wall_s;
 }
 
 recorder::progress_t recorder::progress() const
@@ -638,6 +661,18 @@ record_summary recorder::summary() const
 {
     std::lock_guard lk(mu_);
     record_summary r;
+    if (!net_latency_us_.empty()) {
+        // Nearest rank: the smallest latency that q of the frames do not exceed.
+        std::vector<uint32_t> l = net_latency_us_;
+        auto at = [&l](double q) {
+            const size_t k = static_cast<size_t>(std::ceil(q * static_cast<double>(l.size()))) - 1;
+            std::nth_element(l.begin(), l.begin() + static_cast<std::ptrdiff_t>(k), l.end());
+            return static_cast<double>(l[k]) / 1000.0;
+        };
+        r.net_latency_frames = l.size();
+        r.net_latency_p50_ms = at(0.5);
+        r.net_latency_p99_ms = at(0.99);
+    }
     r.out = plan_.out;
     r.record_buffers = record_buffers_;
     r.network_batches = network_batches_;
@@ -722,6 +757,9 @@ std::string summary_json(const record_summary& s)
     j += "  \"record_buffers\": " + std::to_string(s.record_buffers) + ",\n";
     j += "  \"network_batches\": " + std::to_string(s.network_batches) + ",\n";
     j += "  \"snapshots\": " + std::to_string(s.snapshots.size()) + ",\n";
+    j += "  \"network_latency\": {\"frames\": " + std::to_string(s.net_latency_frames) +
+         ", \"p50_ms\": " + json_number(s.net_latency_p50_ms) + ", \"p99_ms\": " + json_number(s.net_latency_p99_ms) +
+         "},\n";
     j += "  \"snapshot_transfers\": " + std::to_string(s.snapshot_transfers.size()) + ",\n";
     j += "  \"violations\": " + std::to_string(s.all_violations()) + ",\n";
     j += "  \"problems\": [";
@@ -803,6 +841,9 @@ void print_record_summary(FILE* out, const record_summary& s)
     std::fprintf(out, "== %llu record buffer(s), %llu network batch(es), %llu violation(s)\n",
                  static_cast<unsigned long long>(s.record_buffers), static_cast<unsigned long long>(s.network_batches),
                  static_cast<unsigned long long>(s.all_violations()));
+    if (s.net_latency_frames > 0)
+        std::fprintf(out, "== network frames from encoder to file: median %.1f ms, 99th percentile %.1f ms (%llu frames)\n",
+                     s.net_latency_p50_ms, s.net_latency_p99_ms, static_cast<unsigned long long>(s.net_latency_frames));
 }
 
 }  // namespace tmaster

@@ -170,6 +170,7 @@ public:
     uint32_t last_seq = 0;
     uint64_t first_pts = 0;
     uint64_t last_pts = 0;
+    bool last_sei = false;  // the frame last kept carried the frame SEI (its pts is last_pts)
     double first_arrival = 0;
     double last_arrival = 0;
 
@@ -257,6 +258,12 @@ struct record_summary {
     std::vector<mask_plan> masks;        // as set
     std::vector<status_sample> status;   // once a second while recording
     std::string report;                  // the report page, relative to out; empty when none
+    // Network frames (NET, NET LOW, the recording copy) received in the
+    // recording window: the time from the encoder's time stamp (the frame
+    // SEI) to the frame in the master's file, on the master's wall clock.
+    uint64_t net_latency_frames = 0;
+    double net_latency_p50_ms = 0;
+    double net_latency_p99_ms = 0;
 
     uint64_t all_violations() const;
     // Snapshots of a camera that arrived within [from, to].
@@ -287,6 +294,9 @@ public:
     // Keeps every snapshot as <out>/slave<chip>/snap/cam<NN>-<time>.jpg.
     void take_jpeg(int chip, const jpeg_batch& b, std::span<const uint8_t> written, double arrival);
     void finish();  // closes the files (the MP4 files get their index)
+    // Network frames arriving from wall_s on (seconds since the epoch) are
+    // timed from their encoder's time stamp to the master's file.
+    void time_network_from(double wall_s);
 
     // A camera whose REC runs on an input sends snapshots too: they count as
     // one more stream, begun with its first snapshot.
@@ -330,6 +340,8 @@ private:
     std::vector<snapshot_transfer> snapshot_transfers_;
     std::map<std::pair<int, int>, bool> snapshots_begun_;  // {chip, camera}: expected ones
     bool write_failed_ = false;
+    double latency_from_ = -1;            // not timing while negative
+    std::vector<uint32_t> net_latency_us_;  // of the timed network frames
 };
 
 // The checks of one record buffer as a whole (count, minute, span, mixing).
