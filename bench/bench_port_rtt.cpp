@@ -62,36 +62,7 @@ void BM_port_round_trip(benchmark::State& state)
 }
 BENCHMARK(BM_port_round_trip)->Iterations(k_round_trips)->Unit(benchmark::kMicrosecond);
 
-void BM_host_wakeup_round_trip(benchmark::State& state)
-{
-    int there[2], back[2];
-    if (pipe(there) != 0 || pipe(back) != 0) {
-        state.SkipWithError("no pipes");
-        return;
-    }
-    std::thread echo([&] {
-        char c;
-        while (read(there[0], &c, 1) == 1 && write(back[1], &c, 1) == 1) {
-        }
-    });
-    std::vector<double> rtt_us;
-    rtt_us.reserve(k_round_trips);
-    char c = 'x';
-    for (auto _ : state) {
-        auto t0 = std::chrono::steady_clock::now();
-        if (write(there[1], &c, 1) != 1 || read(back[0], &c, 1) != 1) {
-            state.SkipWithError("pipe failed");
-            break;
-        }
-        rtt_us.push_back(std::chrono::duration<double, std::micro>(std::chrono::steady_clock::now() - t0).count());
-    }
-    close(there[1]);  // ends the echo thread
-    echo.join();
-    for (int fd : {there[0], back[0], back[1]})
-        close(fd);
-    report_rtt(state, rtt_us, "host thread wake-up round trip", "bytes");
-}
-BENCHMARK(BM_host_wakeup_round_trip)->Iterations(k_round_trips)->Unit(benchmark::kMicrosecond);
+BENCHMARK(bm_host_wakeup_round_trip)->Iterations(k_round_trips)->Unit(benchmark::kMicrosecond);
 
 }  // namespace
 

@@ -268,16 +268,24 @@ double proc_cpu_s(pid_t pid, bool own_only)
         stat_cpu(dir + "/stat", &sum, &name);
         return sum;
     }
-    std::error_code ec;
-    for (const auto& e : std::filesystem::directory_iterator(dir + "/task", ec)) {
-        double t = 0;
-        if (stat_cpu(e.path().string() + "/stat", &t, &name) && name.rfind("sim", 0) != 0)
+    for (const auto& [thread, t] : proc_thread_cpu_s(pid))
+        if (thread.rfind("sim", 0) != 0)
             sum += t;
-    }
     return sum;
 }
 
-namespace {
+std::map<std::string, double> proc_thread_cpu_s(pid_t pid)
+{
+    std::map<std::string, double> out;
+    std::error_code ec;
+    for (const auto& e : std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/task", ec)) {
+        double t = 0;
+        std::string name;
+        if (stat_cpu(e.path().string() + "/stat", &t, &name))
+            out[name] += t;
+    }
+    return out;
+}
 
 size_t proc_status_kb(pid_t pid, const std::string& field)
 {
@@ -288,16 +296,9 @@ size_t proc_status_kb(pid_t pid, const std::string& field)
     return 0;
 }
 
-}  // namespace
-
 size_t proc_rss_kb(pid_t pid)
 {
     return proc_status_kb(pid, "VmRSS:");
-}
-
-size_t proc_peak_rss_kb(pid_t pid)
-{
-    return proc_status_kb(pid, "VmHWM:");
 }
 
 // ---- the command -------------------------------------------------------------------

@@ -12,6 +12,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
+#include <map>
 #include <span>
 #include <string>
 #include <vector>
@@ -180,10 +181,14 @@ uint64_t read_media_user_frames(const std::string& media_json, int grp);
 // Processor time of process pid in seconds (user + system, threads alive
 // now): all threads, or only those whose name does not begin with "sim".
 double proc_cpu_s(pid_t pid, bool own_only);
+// Processor time of each live thread of process pid in seconds, by thread
+// name (threads of one name summed).
+std::map<std::string, double> proc_thread_cpu_s(pid_t pid);
 // VmRSS of process pid in kB; 0 when unknown.
 size_t proc_rss_kb(pid_t pid);
-// VmHWM (the peak of VmRSS) of process pid in kB; 0 when unknown.
-size_t proc_peak_rss_kb(pid_t pid);
+// A kB field of /proc/<pid>/status ("VmHWM:", "RssAnon:", ...); 0 when
+// unknown.
+size_t proc_status_kb(pid_t pid, const std::string& field);
 
 // The board's encoder channels as media.json shows them, summed.
 struct media_venc_totals {
