@@ -300,11 +300,11 @@ int cal_m_enc_set_video(cal_t* cal, hsc_msg_t* msg)
         bool same = s->width == p.width && s->height == p.height && s->fps == fps && s->quality == quality &&
                     s->attr == attr;
         if (!same) {
-            s->width = p.width;
-            s->height = p.height;
-            s->fps = fps;
-            s->quality = quality;
-            s->attr = attr;
+            kel_word_store(s->width, p.width);
+            kel_word_store(s->height, p.height);
+            kel_word_store(s->fps, fps);
+            kel_word_store(s->quality, quality);
+            kel_word_store(s->attr, attr);
             s->payload = PT_H264;
             s->sys_fps = enc->fps;
         }
@@ -320,10 +320,10 @@ int cal_m_enc_set_video(cal_t* cal, hsc_msg_t* msg)
         // anew) leave the fields the running encoder thread reads alone.
         if (s->width != p.width || s->height != p.height || s->fps != fps || s->quality != quality ||
             s->payload != PT_H264 || s->sys_fps != enc->fps) {
-            s->width = p.width;
-            s->height = p.height;
-            s->fps = fps;
-            s->quality = quality;
+            kel_word_store(s->width, p.width);
+            kel_word_store(s->height, p.height);
+            kel_word_store(s->fps, fps);
+            kel_word_store(s->quality, quality);
             s->payload = PT_H264;
             s->sys_fps = enc->fps;
         }
@@ -358,7 +358,8 @@ int cal_m_enc_run_video(cal_t* cal, hsc_msg_t* msg)
             s->saved[2] = s->quality;
         } else {
             kel_word_store(s->on, 0);
-            s->width = s->height = 0;
+            kel_word_store(s->width, 0);
+            kel_word_store(s->height, 0);
             s->saved[3] = static_cast<int>(p.stop);
             s->saved[4] = s->attr;
             s->saved[5] = s->fps;
@@ -387,7 +388,7 @@ int cal_m_enc_run_video(cal_t* cal, hsc_msg_t* msg)
         kel_word_store(enc->jpg_on[ch], on ? 1 : 0);
         break;
     case ENC_KIND_COPY:
-        enc->copy_on[ch] = static_cast<int>(p.onoff);
+        kel_word_store(enc->copy_on[ch], static_cast<int>(p.onoff));
         if (!on)
             kel_word_store(enc->copy_wait_key[ch], 1);
         break;

@@ -54,6 +54,9 @@ struct cal_enc_stream_t {
     int changed;      // 1: _update_chip rebuilds this stream's channel
     int run;          // REC only: mirrors on
     int cam;          // slave-local camera
+    // The picture settings below are written by the command thread and read
+    // by the encoder thread for every frame's record entry or descriptor:
+    // each access is a whole word (kel_word.h).
     int width;
     int height;
     int fps;          // stream frame rate
@@ -101,6 +104,8 @@ struct cal_enc_t {
     cal_enc_stream_t net[CAL_ENC_MAX_CAM];
     cal_enc_stream_t rec_low[CAL_ENC_MAX_CAM];
     cal_enc_stream_t net_low[CAL_ENC_MAX_CAM];
+    // Kind 2 and kind 5 switches and the copy's key wait: the command thread
+    // writes them, the encoder and JPEG threads read them (whole words).
     int jpg_on[CAL_ENC_MAX_CAM];
     int copy_on[CAL_ENC_MAX_CAM];
     int copy_wait_key[CAL_ENC_MAX_CAM];

@@ -115,9 +115,9 @@ nbuf_desc_t net_desc(const cal_enc_t* enc, const cal_enc_stream_t& s, int fi, in
     d.msec = static_cast<uint32_t>(1000 * static_cast<int64_t>(s.sec_of_day) +
                                    static_cast<int64_t>(fi) * enc->period / 1000);
     d.key = static_cast<uint16_t>(key);
-    d.width = static_cast<uint16_t>(s.width);
-    d.height = static_cast<uint16_t>(s.height);
-    d.fps = static_cast<uint8_t>(s.fps);
+    d.width = static_cast<uint16_t>(kel_word_load(s.width));
+    d.height = static_cast<uint16_t>(kel_word_load(s.height));
+    d.fps = static_cast<uint8_t>(kel_word_load(s.fps));
     d.const17 = 1;
     d.const18 = 2;
     return d;
@@ -185,10 +185,10 @@ int route_record(cal_enc_t* enc, route r, int ch, cal_enc_stream_t& s, const ven
     m.frame_idx = static_cast<uint8_t>(fi);
     m.low = r == route::rec_low ? 1 : 0;
     m.key = static_cast<uint8_t>(key);
-    m.width = static_cast<uint16_t>(s.width);
-    m.height = static_cast<uint16_t>(s.height);
-    m.fps = static_cast<uint8_t>(s.fps);
-    m.quality = static_cast<uint8_t>(s.quality);
+    m.width = static_cast<uint16_t>(kel_word_load(s.width));
+    m.height = static_cast<uint16_t>(kel_word_load(s.height));
+    m.fps = static_cast<uint8_t>(kel_word_load(s.fps));
+    m.quality = static_cast<uint8_t>(kel_word_load(s.quality));
     m.const12 = 2;
     m.const13 = 2;
     m.sec_of_day = static_cast<uint32_t>(s.sec_of_day);
@@ -197,7 +197,7 @@ int route_record(cal_enc_t* enc, route r, int ch, cal_enc_stream_t& s, const ven
     copy_packs(data, st);
     eb->buf_off += static_cast<int32_t>(size);
     eb->mmd_mday[i] = static_cast<uint8_t>(s.tm.tm_mday);
-    eb->mmd_attr[i] = static_cast<uint8_t>(s.attr);
+    eb->mmd_attr[i] = static_cast<uint8_t>(kel_word_load(s.attr));
     eb->mmd_time[i] = secs;
     eb->num_mmd = i + 1;
 
@@ -205,7 +205,7 @@ int route_record(cal_enc_t* enc, route r, int ch, cal_enc_stream_t& s, const ven
         return 0;
 
     // The recording copy (kind 5), from the record buffer.
-    if (enc->copy_on[ch]) {
+    if (kel_word_load(enc->copy_on[ch])) {
         if (key)
             kel_word_store(enc->copy_wait_key[ch], 0);
         if (!kel_word_load(enc->copy_wait_key[ch]))
