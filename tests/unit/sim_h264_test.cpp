@@ -3,7 +3,6 @@
 // channel fed by a live capture chain produces (its order, sequence, drops)
 // with media.json describing it.
 #include <gtest/gtest.h>
-#include <dirent.h>
 #include <sys/stat.h>
 #include <sys/select.h>
 #include <unistd.h>
