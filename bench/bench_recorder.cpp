@@ -217,13 +217,20 @@ stream_losses losses_of(const tmaster::record_summary& s, int chip)
     return l;
 }
 
-bool usable(benchmark::State& state, const recorder_run& r, size_t slaves)
+// Runs the recorder as the benchmark's one iteration; false (the benchmark
+// skipped with the reason) when the recording or the usage failed.
+bool record_for(benchmark::State& state, const char* name, int slaves, bool files, recorder_run& r)
 {
+    const int seconds = bench_seconds(600);
+    for (auto _ : state) {
+        r = run_recorder(name, slaves, seconds, files);
+        state.SetIterationTime(r.window_s);
+    }
     if (r.summary.rc != 0) {
         state.SkipWithError(("the recording failed: " + r.summary.error).c_str());
         return false;
     }
-    if (r.slaves.size() != slaves || r.window_s <= 0) {
+    if (r.slaves.size() != static_cast<size_t>(slaves) || r.window_s <= 0) {
         state.SkipWithError("the slaves' usage was not taken");
         return false;
     }
@@ -232,13 +239,8 @@ bool usable(benchmark::State& state, const recorder_run& r, size_t slaves)
 
 void BM_full_load_8_cameras(benchmark::State& state)
 {
-    const int seconds = bench_seconds(600);
     recorder_run r;
-    for (auto _ : state) {
-        r = run_recorder("full", 1, seconds, true);
-        state.SetIterationTime(r.window_s);
-    }
-    if (!usable(state, r, 1))
+    if (!record_for(state, "full", 1, true, r))
         return;
     const slave_usage& u = r.slaves.begin()->second;
     const stream_losses l = losses_of(r.summary, 0);
@@ -278,13 +280,8 @@ BENCHMARK(BM_full_load_8_cameras)->Iterations(1)->UseManualTime()->Unit(benchmar
 
 void BM_recorder_4x8(benchmark::State& state)
 {
-    const int seconds = bench_seconds(600);
     recorder_run r;
-    for (auto _ : state) {
-        r = run_recorder("4x8", 4, seconds, false);
-        state.SetIterationTime(r.window_s);
-    }
-    if (!usable(state, r, 4))
+    if (!record_for(state, "4x8", 4, false, r))
         return;
     uint64_t lost = 0, dropped = 0;
     double own = 0, all = 0;
